@@ -1,0 +1,1 @@
+# made when the installable headers are in place

@@ -1,0 +1,11 @@
+// How a tag list is to be parsed. Internal to the library.
+#ifndef POBE_CONTEXT_H
+#define POBE_CONTEXT_H
+
+#include "pobe/pobe.h"
+
+struct pobe_metric_tagset_context {
+  pobe_metric_tagset_validate_f validate = nullptr;
+};
+
+#endif
