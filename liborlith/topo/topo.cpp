@@ -1,0 +1,88 @@
+// The placement hash: SHA-256 one-shot and incremental, and its text form.
+#include "liborlith/topo/topo.h"
+
+#include <openssl/evp.h>
+
+#include <cstring>
+#include <memory>
+
+#include "liborlith/liborlith_fatal.h"
+
+namespace {
+
+char g_globals_started = 0;  // one-shot flag of topo_init_globals, set by compare-and-swap
+
+// libcrypto's look-up of a digest by name takes several times as long as hashing a metric's key, and so does
+// starting a digest that was not fetched from its provider (80 bytes on one machine: 350 ns, of which 90 ns
+// are the hash). So the digest is fetched once in a process, and each thread keeps one started-and-finished
+// context: 115 ns.
+class OneShotHasher {
+ public:
+  OneShotHasher() : context_(EVP_MD_CTX_new()) { liborlith_assert(context_); }
+
+  void hash(const void *data, size_t len, uint8_t *out) {
+    EVP_DigestInit_ex(context_.get(), sha256(), nullptr);
+    EVP_DigestUpdate(context_.get(), data, len);
+    EVP_DigestFinal_ex(context_.get(), out, nullptr);
+  }
+
+ private:
+  struct FreeContext {
+    void operator()(EVP_MD_CTX *context) const { EVP_MD_CTX_free(context); }
+  };
+
+  // Never freed: other threads and static destructors may still hash when this one is done.
+  static const EVP_MD *sha256() {
+    static const EVP_MD *const md = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    liborlith_assert(md);
+    return md;
+  }
+
+  std::unique_ptr<EVP_MD_CTX, FreeContext> context_;
+};
+
+}  // namespace
+
+void topo_init_globals(void) {
+  char expected = 0;
+  if (!__atomic_compare_exchange_n(&g_globals_started, &expected, 1, false, __ATOMIC_SEQ_CST,
+                                   __ATOMIC_SEQ_CST))
+    return;
+  OpenSSL_add_all_digests();
+}
+
+void topo_hash(const void *data, size_t len, uint8_t *out) {
+  static thread_local OneShotHasher hasher;
+  hasher.hash(data, len, out);
+}
+
+void topo_hash_ctx_init(topo_hash_ctx_t *ctx) {
+  const EVP_MD *md = EVP_get_digestbyname("SHA256");
+  liborlith_assert(md);
+  ctx->ictx = EVP_MD_CTX_new();
+  EVP_DigestInit_ex(ctx->ictx, md, nullptr);
+}
+
+void topo_hash_ctx_update(topo_hash_ctx_t *ctx, const void *data, size_t len) {
+  EVP_DigestUpdate(ctx->ictx, data, len);
+}
+
+void topo_hash_ctx_final(uint8_t *out, topo_hash_ctx_t *ctx) {
+  EVP_DigestFinal(ctx->ictx, out, nullptr);
+  EVP_MD_CTX_free(ctx->ictx);
+  ctx->ictx = nullptr;
+}
+
+void topo_hash_to_hex(const uint8_t *hash, char *out) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  static constexpr uint8_t kNone[TOPO_HASH_SIZE] = {};
+  if (memcmp(hash, kNone, TOPO_HASH_SIZE) == 0) {
+    memcpy(out, "-", 2);
+    return;
+  }
+  for (size_t i = 0; i < TOPO_HASH_SIZE; ++i) {
+    out[2 * i] = kDigits[hash[i] >> 4];
+    out[2 * i + 1] = kDigits[hash[i] & 15];
+  }
+  out[2 * TOPO_HASH_SIZE] = '\0';
+}
