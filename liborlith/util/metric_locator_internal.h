@@ -1,0 +1,136 @@
+// The structure behind a metric locator, its last values, and the lock word that guards its activity
+// intervals.
+#ifndef LIBORLITH_UTIL_METRIC_LOCATOR_INTERNAL_H
+#define LIBORLITH_UTIL_METRIC_LOCATOR_INTERNAL_H
+
+// Only the one lock: ck_spinlock.h as a whole does not compile as C++.
+#include <spinlock/fas.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "liborlith/util/metric_locator.h"
+#include "liborlith/util/oil.h"
+
+// A numeric value as the last two are kept; which member holds it is told by the type code beside it.
+union orlith_metric_locator_numeric_value_t {
+  int32_t v_int32;
+  uint32_t v_uint32;
+  int64_t v_int64;
+  uint64_t v_uint64;
+  double v_double;
+};
+
+// Last values: allocated zero-filled (calloc) on first use, owned by the locator, freed by its final deref.
+
+struct last_two_numeric_t {
+  uint64_t whence_ms[2];  // [0] the older value, [1] the newer one
+  orlith_metric_locator_numeric_value_t value[2];
+  uint8_t type[2];
+};
+
+struct last_text_t {
+  uint64_t whence_ms;
+  char *value;  // NUL-terminated, from ruxo_memory_safe_strdup; may be null
+};
+
+struct last_hist_t {
+  uint64_t whence_ms;
+  char *serialized_value;  // base64 text, from ruxo_memory_safe_strdup; may be null
+};
+
+// Threads: `immutable` and what it points to may be read without locks. ref_cnt changes only atomically.
+// activity_oil is guarded by activity_oil_lock, the last values by last_update_lock. The other fields are set
+// before sharing.
+struct orlith_metric_locator {
+  oil_list_t *activity_oil;    // null until the first activity; five-minute periods
+  last_two_numeric_t *last_n;  // each null until the first update of its kind
+  last_text_t *last_t;
+  last_hist_t *last_h;
+  int32_t account_id;
+  uint32_t ref_cnt;
+  ck_spinlock_fas_t last_update_lock;
+  int32_t activity_oil_lock;
+  orlith_metric_locator_metric_type_e type;
+  metrics_db_egress_function_e egress_function;
+  bool canonical_copy;
+  orlith_metric_locator_immutable_data_t *immutable;
+};
+
+// Hosts and the image of a locator in memory depend on these places.
+static_assert(sizeof(orlith_metric_locator) == 64 && offsetof(orlith_metric_locator, immutable) == 56);
+static_assert(sizeof(orlith_metric_locator_immutable_data) == 72);
+static_assert(sizeof(orlith_metric_locator_numeric_value_t) == 8 && sizeof(last_two_numeric_t) == 40);
+
+// The activity lock: a 32-bit word that is the sum of 4 per shared holder and 0x50004 per exclusive holder. A
+// writer announces itself by its addition and then waits for the readers to leave; a reader that sees a
+// writer's bits takes its addition back. Not recursive, not fair; held for a few instructions.
+namespace activity_lock {
+
+constexpr uint32_t kShared = 4;
+constexpr uint32_t kExclusive = 0x50004;
+constexpr uint32_t kWriterBits = 0xFFFC0000;     // from 0x40000 up: a writer holds or is taking the lock
+constexpr uint32_t kAnnouncedBits = 0xFFFF0000;  // from 0x10000 up: writers exclude each other
+
+inline uint32_t load(const int32_t *word) noexcept {
+  return static_cast<uint32_t>(__atomic_load_n(word, __ATOMIC_ACQUIRE));
+}
+inline uint32_t add(int32_t *word, uint32_t amount) noexcept {
+  return static_cast<uint32_t>(__atomic_fetch_add(word, static_cast<int32_t>(amount), __ATOMIC_ACQ_REL));
+}
+inline void subtract(int32_t *word, uint32_t amount) noexcept {
+  __atomic_fetch_sub(word, static_cast<int32_t>(amount), __ATOMIC_ACQ_REL);
+}
+inline void wait_until_clear(const int32_t *word, uint32_t mask) noexcept {
+  while ((load(word) & mask) != 0) ck_pr_stall();
+}
+
+inline void lock_shared(int32_t *word) noexcept {
+  for (;;) {
+    wait_until_clear(word, kWriterBits);
+    if (add(word, kShared) < 0x40000) return;
+    subtract(word, kShared);
+  }
+}
+inline void unlock_shared(int32_t *word) noexcept {
+  subtract(word, kShared);
+}
+
+inline void lock_exclusive(int32_t *word) noexcept {
+  uint32_t before = 0;
+  while ((before = add(word, kExclusive)) >= 0x10000) {
+    subtract(word, kExclusive);
+    wait_until_clear(word, kAnnouncedBits);
+  }
+  if (before == 0) return;
+  while (load(word) != kExclusive) ck_pr_stall();
+}
+inline void unlock_exclusive(int32_t *word) noexcept {
+  subtract(word, kExclusive);
+}
+
+class SharedGuard {
+ public:
+  explicit SharedGuard(int32_t *word) noexcept : word_(word) { lock_shared(word_); }
+  ~SharedGuard() { unlock_shared(word_); }
+  SharedGuard(const SharedGuard &) = delete;
+  SharedGuard &operator=(const SharedGuard &) = delete;
+
+ private:
+  int32_t *word_;
+};
+
+class ExclusiveGuard {
+ public:
+  explicit ExclusiveGuard(int32_t *word) noexcept : word_(word) { lock_exclusive(word_); }
+  ~ExclusiveGuard() { unlock_exclusive(word_); }
+  ExclusiveGuard(const ExclusiveGuard &) = delete;
+  ExclusiveGuard &operator=(const ExclusiveGuard &) = delete;
+
+ private:
+  int32_t *word_;
+};
+
+}  // namespace activity_lock
+
+#endif
