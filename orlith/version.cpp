@@ -1,3 +1,5 @@
 #include "orlith/version.h"
 
-const char *orlith_version() { return ORLITH_VERSION; }
+const char *orlith_version() {
+  return ORLITH_VERSION;
+}

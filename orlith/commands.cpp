@@ -1,0 +1,21 @@
+// The list of commands: a command's one line outside its own file.
+#include "orlith/cli.h"
+
+#define ORLITH_COMMANDS(X) X(help)
+
+#define ORLITH_DECLARE(name) extern const Command name##_command;
+ORLITH_COMMANDS(ORLITH_DECLARE)
+
+CommandTable all_commands() {
+#define ORLITH_ENTRY(name) &name##_command,
+  static const Command *const commands[] = {ORLITH_COMMANDS(ORLITH_ENTRY)};
+  return commands;
+}
+
+std::span<const Group> all_groups() {
+  static constexpr Group groups[] = {
+      {"topo", "compile topologies, see who owns what"},
+      {"nnt", "look into numeric time-series files"},
+  };
+  return groups;
+}
