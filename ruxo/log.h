@@ -37,7 +37,8 @@ RUXO_EXPORT ruxo_log_stream_t ruxo_log_stream_find(const char *name); /* null wh
 RUXO_EXPORT const char *ruxo_log_stream_name(ruxo_log_stream_t ls);
 RUXO_EXPORT void ruxo_log_stream_enable(ruxo_log_stream_t ls);
 RUXO_EXPORT void ruxo_log_stream_disable(ruxo_log_stream_t ls);
-RUXO_EXPORT void ruxo_log_stream_add_outlet(ruxo_log_stream_t ls, ruxo_log_outlet_t outlet);
+/* False when memory ran out. */
+RUXO_EXPORT ruxo_boolean ruxo_log_stream_add_outlet(ruxo_log_stream_t ls, ruxo_log_outlet_t outlet);
 RUXO_EXPORT void ruxo_log_stream_remove_outlets(ruxo_log_stream_t ls);
 
 /* Outlets. `json` chooses one JSON object a line instead of logfmt. */

@@ -3,6 +3,7 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <string>
@@ -26,4 +27,15 @@ uint64_t ruxo_now_ms(void) {
   struct timespec now {};
   clock_gettime(CLOCK_REALTIME, &now);
   return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+}
+
+uint64_t ruxo_task_id(void) {
+  static thread_local pid_t process = 0;
+  static thread_local pid_t task = 0;
+  // Asked of the kernel once a thread; the thread that lives on in a forked child has another number there.
+  if (const pid_t now = getpid(); process != now) {
+    process = now;
+    task = gettid();
+  }
+  return static_cast<uint64_t>(task);
 }

@@ -14,6 +14,8 @@ RUXO_EXPORT const void *ruxo_memmem(const void *haystack, size_t len, const void
 RUXO_EXPORT int mkdir_for_file(const char *path, mode_t mode);
 /* Milliseconds since the Unix epoch. */
 RUXO_EXPORT uint64_t ruxo_now_ms(void);
+/* The kernel's number of the calling thread, as log lines and peers' requests carry it. */
+RUXO_EXPORT uint64_t ruxo_task_id(void);
 
 RUXO_END_DECLS
 

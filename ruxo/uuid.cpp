@@ -1,0 +1,75 @@
+#include "ruxo/uuid.h"
+
+#include <string.h>
+#include <uuid/uuid.h>
+
+#include <array>
+
+namespace {
+
+constexpr size_t kTextLen = RUXO_UUID_STRING_SIZE - 1;
+constexpr uint8_t kNotHex = 0xf0;  // any high bit marks a fault, so faults can be collected by or-ing
+
+constexpr std::array<uint8_t, 256> hex_values() {
+  std::array<uint8_t, 256> values{};
+  values.fill(kNotHex);
+  for (uint8_t i = 0; i < 10; ++i) values[static_cast<size_t>('0') + i] = i;
+  for (uint8_t i = 0; i < 6; ++i) {
+    values[static_cast<size_t>('a') + i] = static_cast<uint8_t>(10 + i);
+    values[static_cast<size_t>('A') + i] = static_cast<uint8_t>(10 + i);
+  }
+  return values;
+}
+
+constexpr std::array<uint8_t, 256> kHexValues = hex_values();
+// Where each byte's two digits begin in the text.
+constexpr std::array<uint8_t, RUXO_UUID_SIZE> kDigitsAt = {0,  2,  4,  6,  9,  11, 14, 16,
+                                                           19, 21, 24, 26, 28, 30, 32, 34};
+
+uint8_t hex_value(char digit) {
+  return kHexValues[static_cast<unsigned char>(digit)];
+}
+
+// One pass without a branch per digit: this runs once for every ingested line.
+int parse_36(const char *text, uint8_t *out) {
+  if (text[8] != '-' || text[13] != '-' || text[18] != '-' || text[23] != '-') return -1;
+  uint8_t bytes[RUXO_UUID_SIZE];
+  uint8_t faults = 0;
+  for (size_t i = 0; i < RUXO_UUID_SIZE; ++i) {
+    const uint8_t high = hex_value(text[kDigitsAt[i]]);
+    const uint8_t low = hex_value(text[kDigitsAt[i] + 1]);
+    faults = static_cast<uint8_t>(faults | high | low);
+    bytes[i] = static_cast<uint8_t>(high << 4 | low);
+  }
+  if (faults >= 16) return -1;
+  memcpy(out, bytes, sizeof bytes);
+  return 0;
+}
+
+}  // namespace
+
+int ruxo_uuid_parse(const char *text, uint8_t *out) {
+  return ruxo_uuid_parse_n(text, strnlen(text, kTextLen + 1), out);
+}
+
+int ruxo_uuid_parse_n(const char *text, size_t len, uint8_t *out) {
+  return len == kTextLen ? parse_36(text, out) : -1;
+}
+
+void ruxo_uuid_unparse_lower(const uint8_t *uuid, char *out) {
+  static constexpr char digits[] = "0123456789abcdef";
+  for (size_t i = 0; i < RUXO_UUID_SIZE; ++i) {
+    out[kDigitsAt[i]] = digits[uuid[i] >> 4];
+    out[kDigitsAt[i] + 1] = digits[uuid[i] & 15];
+  }
+  out[8] = out[13] = out[18] = out[23] = '-';
+  out[kTextLen] = '\0';
+}
+
+void ruxo_uuid_generate(uint8_t *out) {
+  uuid_generate_random(out);
+}
+
+int ruxo_uuid_compare(const uint8_t *a, const uint8_t *b) {
+  return memcmp(a, b, RUXO_UUID_SIZE);
+}
