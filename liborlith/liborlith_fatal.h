@@ -14,10 +14,9 @@ __attribute__((noreturn)) void liborlith_assert_failed(const char *condition, co
 __attribute__((noreturn)) void liborlith_fatal_at(ruxo_log_stream_t ls, const char *file, int line,
                                                   const char *format, ...) RUXO_PRINTF(4, 5);
 
-#define liborlith_assert(condition)                                       \
-  do {                                                                    \
-    if (__builtin_expect(!(condition), 0))                                \
-      liborlith_assert_failed(#condition, __FILE__, __LINE__);            \
+#define liborlith_assert(condition)                                                                 \
+  do {                                                                                              \
+    if (__builtin_expect(!(condition), 0)) liborlith_assert_failed(#condition, __FILE__, __LINE__); \
   } while (0)
 
 #define liborlith_fatal(ls, ...) liborlith_fatal_at((ls), __FILE__, __LINE__, __VA_ARGS__)
