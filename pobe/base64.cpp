@@ -1,4 +1,4 @@
-#include "pobe/base64.h"
+#include "pobe/base64_private.h"
 
 #include <array>
 #include <cstdint>

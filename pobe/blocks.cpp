@@ -1,4 +1,4 @@
-#include "pobe/blocks.h"
+#include "pobe/blocks_private.h"
 
 #include <cstring>
 

@@ -1,7 +1,7 @@
-#include "pobe/blocks.h"
-#include "pobe/bounded_writer.h"
-#include "pobe/tag_list.h"
-#include "pobe/text.h"
+#include "pobe/blocks_private.h"
+#include "pobe/bounded_writer_private.h"
+#include "pobe/tag_list_private.h"
+#include "pobe/text_private.h"
 
 namespace pobe {
 namespace {

@@ -1,4 +1,4 @@
-#include "pobe/context.h"
+#include "pobe/context_private.h"
 
 #include <new>
 

@@ -1,10 +1,10 @@
-#include "pobe/tag_list.h"
+#include "pobe/tag_list_private.h"
 
 #include <algorithm>
 #include <array>
 
-#include "pobe/base64.h"
-#include "pobe/text.h"
+#include "pobe/base64_private.h"
+#include "pobe/text_private.h"
 
 namespace pobe {
 namespace {

@@ -1,8 +1,8 @@
 #include <cstdlib>
 
-#include "pobe/context.h"
-#include "pobe/tag_list.h"
-#include "pobe/text.h"
+#include "pobe/context_private.h"
+#include "pobe/tag_list_private.h"
+#include "pobe/text_private.h"
 
 namespace pobe {
 namespace {

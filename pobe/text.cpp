@@ -1,4 +1,4 @@
-#include "pobe/text.h"
+#include "pobe/text_private.h"
 
 #include <cstddef>
 #include <cstdint>

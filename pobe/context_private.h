@@ -1,6 +1,6 @@
 // How a tag list is to be parsed. Internal to the library.
-#ifndef POBE_CONTEXT_H
-#define POBE_CONTEXT_H
+#ifndef POBE_CONTEXT_PRIVATE_H
+#define POBE_CONTEXT_PRIVATE_H
 
 #include "pobe/pobe.h"
 

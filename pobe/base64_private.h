@@ -1,6 +1,6 @@
 // Strict decoding of standard base64 (RFC 4648, section 4). Internal to the library.
-#ifndef POBE_BASE64_H
-#define POBE_BASE64_H
+#ifndef POBE_BASE64_PRIVATE_H
+#define POBE_BASE64_PRIVATE_H
 
 #include <cstddef>
 #include <optional>

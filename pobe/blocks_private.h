@@ -1,6 +1,6 @@
 // Taking the tag blocks off the end of a name. Internal to the library.
-#ifndef POBE_BLOCKS_H
-#define POBE_BLOCKS_H
+#ifndef POBE_BLOCKS_PRIVATE_H
+#define POBE_BLOCKS_PRIVATE_H
 
 #include <string_view>
 

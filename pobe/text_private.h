@@ -1,6 +1,6 @@
 // What every text of a name must be: UTF-8 without control characters. Internal to the library.
-#ifndef POBE_TEXT_H
-#define POBE_TEXT_H
+#ifndef POBE_TEXT_PRIVATE_H
+#define POBE_TEXT_PRIVATE_H
 
 #include <string_view>
 

@@ -1,7 +1,7 @@
 // Appends to a caller's buffer without ever leaving it, and counts what a large enough one would hold.
 // Internal.
-#ifndef POBE_BOUNDED_WRITER_H
-#define POBE_BOUNDED_WRITER_H
+#ifndef POBE_BOUNDED_WRITER_PRIVATE_H
+#define POBE_BOUNDED_WRITER_PRIVATE_H
 
 #include <algorithm>
 #include <cstddef>

@@ -1,13 +1,13 @@
 // A parsed tag list: the grammar of tags, their canonical spelling and order. Internal to the library; tag
 // sets and canonical names both come from here, so that they cannot differ in what they accept.
-#ifndef POBE_TAG_LIST_H
-#define POBE_TAG_LIST_H
+#ifndef POBE_TAG_LIST_PRIVATE_H
+#define POBE_TAG_LIST_PRIVATE_H
 
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
-#include "pobe/bounded_writer.h"
+#include "pobe/bounded_writer_private.h"
 #include "pobe/pobe.h"
 
 namespace pobe {
