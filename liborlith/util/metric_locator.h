@@ -11,6 +11,7 @@
 #ifndef LIBORLITH_UTIL_METRIC_LOCATOR_H
 #define LIBORLITH_UTIL_METRIC_LOCATOR_H
 
+#include "liborlith/liborlith_init.h" /* orlith_metric_locator_lib_init */
 #include "liborlith/util/mem_reader.h"
 #include "pobe/pobe.h"
 #include "ruxo/base.h"
@@ -59,9 +60,6 @@ struct orlith_metric_locator_immutable_data {
  * orlith_metric_locator_lib_init unless the host has set them before. */
 RUXO_EXPORT extern ruxo_log_stream_t ml_debug_ls;
 RUXO_EXPORT extern ruxo_log_stream_t ml_error_ls;
-
-/* Opens the module's log streams once. Idempotent; any thread. */
-RUXO_EXPORT void orlith_metric_locator_lib_init(void);
 
 /* ---- Creation and lifetime ---- */
 
@@ -148,8 +146,9 @@ RUXO_EXPORT char *orlith_metric_locator_get_key(const orlith_metric_locator_t *l
  * to 36. A buffer below 37 bytes is fatal. */
 RUXO_EXPORT void orlith_metric_locator_get_check_uuid_str_buf(const orlith_metric_locator_t *loc,
                                                               mem_reader_t *out);
-/* The type set in words, cut to `len` - 1 characters: "unknown", "any", "numeric", "numeric,histogram", ...;
- * any other value above 6 is "invalid: 0x%04x". Returns `buf`; a length of 0 writes nothing. */
+/* The type set in words: "unknown", "any", "numeric", "numeric,histogram", ..., and "invalid: 0x%04x" for any
+ * other value above 6 (7 too). Writes at most `len` - 1 bytes with the NUL, so a buffer has room for a text
+ * that is 2 shorter than itself; a length of 0 writes nothing. Returns `buf`. */
 RUXO_EXPORT char *orlith_metric_locator_get_type_str(const orlith_metric_locator_t *loc, char *buf,
                                                      size_t len);
 
@@ -175,9 +174,9 @@ RUXO_EXPORT orlith_metric_locator_t *orlith_metric_locator_from_json(const ruxo_
  * offset of the encoded name; or 0, writing nothing, when `len` is below 37. Only these 37 bytes are checked
  * against `len`: the buffer must have 38 + ruxo_b64_encode_len(name length) bytes. */
 RUXO_EXPORT size_t orlith_metric_locator_b64_path(const orlith_metric_locator_t *loc, char *buf, size_t len);
-/* A new locator, always numeric and of account 0, from the two components of such a path. `uuid_str` may be
- * longer than 36 characters: the rest (for example "/...") is ignored. Null when the UUID or the base64 is
- * invalid, when the name is empty, or when it is refused. */
+/* A new locator, always numeric and of account 0, from the two components of such a path. `uuid_str` is read
+ * up to its 36th character; a whole path may be given, where "/" follows. Null when the UUID or the base64 is
+ * invalid, when the name is empty, or when it is refused (logged). */
 RUXO_EXPORT orlith_metric_locator_t *orlith_metric_locator_from_b64_path(const char *uuid_str,
                                                                          const char *b64path);
 
