@@ -10,12 +10,10 @@
 #include <string_view>
 
 #include "ruxo/guard_private.h"
+#include "ruxo/json_grammar.h"
 #include "ruxo/utf8.h"
 
 namespace {
-
-constexpr size_t kMaxBytes = size_t{64} << 20;
-constexpr int kMaxDepth = 64;
 
 // The value that the whole text "null" is parsed to: a null pointer would mean a fault there.
 char null_document_storage;
@@ -63,18 +61,16 @@ struct TokenerFree {
 };
 
 ruxo_json_object *parse(std::string_view text) {
-  if (text.size() > kMaxBytes || memchr(text.data(), '\0', text.size()) != nullptr) return nullptr;
-  const std::unique_ptr<json_tokener, TokenerFree> tokener(json_tokener_new_ex(kMaxDepth));
+  // The library, even asked to be strict, takes "1." and raw control bytes, clamps integers and cuts member names
+  // at a NUL: so it only gets text that is known to be right.
+  if (text.size() > RUXO_JSON_MAX_BYTES || !ruxo::json_is_well_formed(text)) return nullptr;
+  const std::unique_ptr<json_tokener, TokenerFree> tokener(json_tokener_new_ex(RUXO_JSON_MAX_DEPTH + 2));
   if (tokener == nullptr) return nullptr;
   json_tokener_set_flags(tokener.get(), JSON_TOKENER_STRICT | JSON_TOKENER_VALIDATE_UTF8);
   json_object *value = json_tokener_parse_ex(tokener.get(), text.data(), static_cast<int>(text.size()));
   // A number at the very end is complete only once the end is seen.
   if (json_tokener_get_error(tokener.get()) == json_tokener_continue) {
     value = json_tokener_parse_ex(tokener.get(), "", 1);
-  } else if (text.substr(json_tokener_get_parse_end(tokener.get())).find_first_not_of(" \t\r\n") !=
-             std::string_view::npos) {
-    json_object_put(value);
-    return nullptr;
   }
   if (json_tokener_get_error(tokener.get()) != json_tokener_success) return nullptr;
   if (!all_finite(value)) {
@@ -126,7 +122,7 @@ ruxo_json_object *ruxo_json_new_string(const char *text) {
 
 ruxo_json_object *ruxo_json_new_string_len(const char *text, size_t len) {
   return ruxo::guarded<ruxo_json_object *>(nullptr, [&]() -> ruxo_json_object * {
-    if (len > kMaxBytes) return nullptr;
+    if (len > RUXO_JSON_MAX_BYTES) return nullptr;
     if (ruxo::utf8_is_valid({text, len}))
       return outer(json_object_new_string_len(text, static_cast<int>(len)));
     const std::string repaired = ruxo::utf8_repaired({text, len});
@@ -197,12 +193,23 @@ ruxo_json_object *ruxo_json_array_get(const ruxo_json_object *array, size_t inde
                                                : nullptr;
 }
 
+// The library clamps what does not fit the type asked for: a negative value reads as 0 when unsigned, a large one as
+// INT64_MAX when signed. Between the two readings, the value is known.
+ruxo_boolean ruxo_json_is_int64(const ruxo_json_object *o) {
+  return ruxo_json_type(o) == RUXO_JSON_INT &&
+         (json_object_get_int64(inner(o)) < 0 || json_object_get_uint64(inner(o)) <= INT64_MAX);
+}
+
+ruxo_boolean ruxo_json_is_uint64(const ruxo_json_object *o) {
+  return ruxo_json_type(o) == RUXO_JSON_INT && json_object_get_int64(inner(o)) >= 0;
+}
+
 int64_t ruxo_json_int(const ruxo_json_object *o) {
-  return ruxo_json_type(o) == RUXO_JSON_INT ? json_object_get_int64(inner(o)) : 0;
+  return ruxo_json_is_int64(o) ? json_object_get_int64(inner(o)) : 0;
 }
 
 uint64_t ruxo_json_uint(const ruxo_json_object *o) {
-  return ruxo_json_type(o) == RUXO_JSON_INT ? json_object_get_uint64(inner(o)) : 0;
+  return ruxo_json_is_uint64(o) ? json_object_get_uint64(inner(o)) : 0;
 }
 
 double ruxo_json_double(const ruxo_json_object *o) {

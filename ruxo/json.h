@@ -6,6 +6,10 @@
 
 RUXO_BEGIN_DECLS
 
+/* Texts longer, or containers nested deeper, than this are refused. */
+#define RUXO_JSON_MAX_BYTES ((size_t)64 << 20)
+#define RUXO_JSON_MAX_DEPTH 64
+
 typedef struct ruxo_json_object ruxo_json_object;
 
 typedef enum {
@@ -46,6 +50,8 @@ RUXO_EXPORT ruxo_json_object *ruxo_json_object_get(const ruxo_json_object *o, co
                                                    ruxo_boolean *present);
 RUXO_EXPORT size_t ruxo_json_array_length(const ruxo_json_object *array);
 RUXO_EXPORT ruxo_json_object *ruxo_json_array_get(const ruxo_json_object *array, size_t index);
+RUXO_EXPORT ruxo_boolean ruxo_json_is_int64(const ruxo_json_object *o);
+RUXO_EXPORT ruxo_boolean ruxo_json_is_uint64(const ruxo_json_object *o);
 RUXO_EXPORT int64_t ruxo_json_int(const ruxo_json_object *o);
 RUXO_EXPORT uint64_t ruxo_json_uint(const ruxo_json_object *o);
 RUXO_EXPORT double ruxo_json_double(const ruxo_json_object *o);

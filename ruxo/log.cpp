@@ -3,77 +3,38 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <mutex>
 #include <new>
 
 #include "ruxo/guard_private.h"
 #include "ruxo/log_private.h"
-#include "ruxo/util.h"
 #include "ruxo/zipkin.h"
-#include "ruxo/zipkin_private.h"
 
 int ruxo_log_overrides = 0;
 
 namespace {
 
 using ruxo::OutletList;
-using SharedOutlets = std::shared_ptr<const OutletList>;
+using ruxo::Stream;
 
-// Threads: `lock` guards every field but `live`, which is written under it and read without.
-// Invariant: live == (enabled and there is an outlet).
-struct Stream : ruxo_log_stream {
-  const char *name;
-  bool enabled;
-  // Standard error, without a list that would need memory: how the error stream starts.
-  bool has_initial_stderr;
-  mutable std::mutex lock;
-  ruxo::Immortal<SharedOutlets> outlets;  // replaced as a whole, so records can share it
-
-  constexpr Stream(const char *stream_name, bool is_enabled, bool initial_stderr)
-      : ruxo_log_stream{is_enabled && initial_stderr},
-        name(stream_name),
-        enabled(is_enabled),
-        has_initial_stderr(initial_stderr) {}
-
-  bool has_outlet() const { return has_initial_stderr || outlets.value != nullptr; }
-  void update_live() { __atomic_store_n(&live, enabled && has_outlet() ? 1 : 0, __ATOMIC_RELAXED); }
-};
-
-constinit Stream error_stream{"error", true, true};
-constinit Stream debug_stream{"debug", true, false};
+constinit Stream error_stream{"error", true};
+constinit Stream debug_stream{"debug", false};
 constinit std::atomic<bool> global_enabled{false};
 
 Stream *full(ruxo_log_stream_t ls) {
   return static_cast<Stream *>(ls);
 }
 
-struct Registry {
-  std::mutex lock;
-  std::map<std::string, Stream *, std::less<>> streams{{"error", &error_stream}, {"debug", &debug_stream}};
-};
+using Registry = std::map<std::string, Stream *, std::less<>>;
 
+// Under log_lock().
 Registry &registry() {
-  static Registry *const instance = new Registry;
+  static Registry *const instance =
+      new Registry{{error_stream.name, &error_stream}, {debug_stream.name, &debug_stream}};
   return *instance;
-}
-
-Stream *find_stream(std::string_view name) {
-  Registry &known = registry();
-  const std::lock_guard guard(known.lock);
-  const auto entry = known.streams.find(name);
-  return entry == known.streams.end() ? nullptr : entry->second;
-}
-
-// Where a line on the stream goes now. False: to no outlet.
-bool destination(const Stream &stream, SharedOutlets &outlets) {
-  const std::lock_guard guard(stream.lock);
-  const bool everything = global_enabled.load(std::memory_order_relaxed);
-  if (!everything && !(stream.enabled && stream.has_outlet())) return false;
-  outlets = stream.outlets.value;
-  return true;
 }
 
 std::string format_message(const char *format, va_list args) {
@@ -95,19 +56,11 @@ std::string format_message(const char *format, va_list args) {
   return message;
 }
 
-void log_message(const Stream &stream, const char *file, int line, std::string &&message) {
-  ruxo::annotate_active_span(message);
-  ruxo::Record record{};
-  if (!destination(stream, record.outlets)) return;
-  const ruxo_zipkin_span *const span = ruxo_zipkin_active_span();
-  record.stream_name = stream.name;
-  record.file = file;
-  record.line = line;
-  record.time_ms = ruxo_now_ms();
-  record.task = ruxo_task_id();
-  record.trace_id = span == nullptr ? 0 : ruxo_zipkin_span_trace_id(span);
-  record.message = std::move(message);
-  ruxo::enqueue(std::move(record));
+void set_enabled(ruxo_log_stream_t ls, bool enabled) {
+  Stream &stream = *full(ls);
+  const std::lock_guard guard(ruxo::log_lock());
+  stream.enabled = enabled;
+  stream.update_live();
 }
 
 }  // namespace
@@ -117,13 +70,12 @@ ruxo_log_stream_t ruxo_debug = &debug_stream;
 
 ruxo_log_stream_t ruxo_log_stream_new(const char *name) {
   return ruxo::guarded<ruxo_log_stream_t>(nullptr, [&]() -> ruxo_log_stream_t {
-    Registry &known = registry();
-    const std::lock_guard guard(known.lock);
-    const auto [entry, added] = known.streams.try_emplace(name, nullptr);
+    const std::lock_guard guard(ruxo::log_lock());
+    const auto [entry, added] = registry().try_emplace(name, nullptr);
     if (!added) return entry->second;
-    entry->second = new (std::nothrow) Stream(entry->first.c_str(), true, false);
+    entry->second = new (std::nothrow) Stream(entry->first.c_str(), false);
     if (entry->second != nullptr) return entry->second;
-    known.streams.erase(entry);
+    registry().erase(entry);
     return nullptr;
   });
 }
@@ -133,18 +85,15 @@ ruxo_boolean ruxo_log_stream_exists(const char *name) {
 }
 
 ruxo_log_stream_t ruxo_log_stream_find(const char *name) {
-  return ruxo::guarded<ruxo_log_stream_t>(nullptr, [&] { return find_stream(name); });
+  return ruxo::guarded<ruxo_log_stream_t>(nullptr, [&]() -> ruxo_log_stream_t {
+    const std::lock_guard guard(ruxo::log_lock());
+    const auto entry = registry().find(std::string_view(name));
+    return entry == registry().end() ? nullptr : entry->second;
+  });
 }
 
 const char *ruxo_log_stream_name(ruxo_log_stream_t ls) {
   return full(ls)->name;
-}
-
-static void set_enabled(ruxo_log_stream_t ls, bool enabled) {
-  Stream &stream = *full(ls);
-  const std::lock_guard guard(stream.lock);
-  stream.enabled = enabled;
-  stream.update_live();
 }
 
 void ruxo_log_stream_enable(ruxo_log_stream_t ls) {
@@ -157,7 +106,7 @@ void ruxo_log_stream_disable(ruxo_log_stream_t ls) {
 ruxo_boolean ruxo_log_stream_add_outlet(ruxo_log_stream_t ls, ruxo_log_outlet_t outlet) {
   return ruxo::guarded(false, [&] {
     Stream &stream = *full(ls);
-    const std::lock_guard guard(stream.lock);
+    const std::lock_guard guard(ruxo::log_lock());
     auto list = stream.outlets.value == nullptr ? std::make_shared<OutletList>()
                                                 : std::make_shared<OutletList>(*stream.outlets.value);
     if (stream.has_initial_stderr) list->push_back(ruxo::stderr_logfmt_outlet());
@@ -171,7 +120,7 @@ ruxo_boolean ruxo_log_stream_add_outlet(ruxo_log_stream_t ls, ruxo_log_outlet_t 
 
 void ruxo_log_stream_remove_outlets(ruxo_log_stream_t ls) {
   Stream &stream = *full(ls);
-  const std::lock_guard guard(stream.lock);
+  const std::lock_guard guard(ruxo::log_lock());
   stream.has_initial_stderr = false;
   stream.outlets.value.reset();
   stream.update_live();
@@ -180,7 +129,7 @@ void ruxo_log_stream_remove_outlets(ruxo_log_stream_t ls) {
 ruxo_boolean ruxo_log_has_material_output(ruxo_log_stream_t ls) {
   if (ls == nullptr) return false;
   const Stream &stream = *full(ls);
-  const std::lock_guard guard(stream.lock);
+  const std::lock_guard guard(ruxo::log_lock());
   return stream.has_outlet();
 }
 
@@ -212,11 +161,15 @@ void ruxo_log_write(ruxo_log_stream_t ls, const char *file, int line, const char
 
 void ruxo_log_vwrite(ruxo_log_stream_t ls, const char *file, int line, const char *format, va_list args) {
   if (ls == nullptr) return;
-  const int logged_errno = errno;  // a caller may log first and look at errno after
+  const int callers_errno = errno;  // a caller may log a fault first and handle it after
   try {
-    log_message(*full(ls), file, line, format_message(format, args));
+    ruxo::Record record{};
+    record.file = file;
+    record.line = line;
+    record.message = format_message(format, args);
+    ruxo::enqueue(*full(ls), std::move(record));
   } catch (...) {
     ruxo::write_stderr("a log line was lost: out of memory\n");
   }
-  errno = logged_errno;
+  errno = callers_errno;
 }

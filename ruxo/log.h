@@ -44,6 +44,8 @@ RUXO_EXPORT void ruxo_log_stream_remove_outlets(ruxo_log_stream_t ls);
 /* Outlets. `json` chooses one JSON object a line instead of logfmt. */
 RUXO_EXPORT ruxo_log_outlet_t ruxo_log_outlet_stderr(ruxo_boolean json);
 RUXO_EXPORT ruxo_log_outlet_t ruxo_log_outlet_file(const char *path, ruxo_boolean json); /* null: errno says why */
+/* Opens a file outlet's path anew, after a rotation has renamed the file. */
+RUXO_EXPORT ruxo_boolean ruxo_log_outlet_reopen(ruxo_log_outlet_t outlet);
 
 /* The outlet for tests keeps messages in memory, unformatted: the text as the caller wrote it. */
 RUXO_EXPORT ruxo_log_outlet_t ruxo_log_outlet_memory(void);

@@ -1,14 +1,18 @@
 // Where lines go: descriptors and memory.
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <cstdio>
+#include <cstdlib>
 #include <deque>
-#include <mutex>
+#include <new>
 
-#include "ruxo/guard_private.h"
 #include "ruxo/log_private.h"
 
 namespace {
@@ -18,18 +22,59 @@ using ruxo::Record;
 // Lines are collected up to this size and written together, in one system call.
 constexpr size_t kCollectBytes = size_t{64} << 10;
 
-// The number of bytes written: all of them, or fewer with errno.
-size_t write_all(int fd, std::string_view bytes) {
+// While it lives, a reader's closed pipe is an error of write() and does not kill the process, and the thread
+// cannot be cancelled half-way through a line.
+class UndisturbedWrites {
+ public:
+  UndisturbedWrites() {
+    sigset_t broken_pipe, pending;
+    sigemptyset(&broken_pipe);
+    sigaddset(&broken_pipe, SIGPIPE);
+    sigpending(&pending);
+    was_pending_ = sigismember(&pending, SIGPIPE) == 1;
+    pthread_sigmask(SIG_BLOCK, &broken_pipe, &old_mask_);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old_cancel_state_);
+  }
+  ~UndisturbedWrites() {
+    if (pipe_broke && !was_pending_) take_back_signal();
+    pthread_sigmask(SIG_SETMASK, &old_mask_, nullptr);
+    pthread_setcancelstate(old_cancel_state_, nullptr);
+  }
+  UndisturbedWrites(const UndisturbedWrites &) = delete;
+  UndisturbedWrites &operator=(const UndisturbedWrites &) = delete;
+
+  bool pipe_broke = false;
+
+ private:
+  static void take_back_signal() {
+    sigset_t broken_pipe;
+    sigemptyset(&broken_pipe);
+    sigaddset(&broken_pipe, SIGPIPE);
+    const struct timespec at_once = {0, 0};
+    while (sigtimedwait(&broken_pipe, nullptr, &at_once) == -1 && errno == EINTR) {
+    }
+  }
+
+  sigset_t old_mask_;
+  int old_cancel_state_ = 0;
+  bool was_pending_ = false;
+};
+
+// The number of bytes written: all of them, or fewer with *fault set to the errno.
+size_t write_all(int fd, std::string_view bytes, int *fault) {
+  UndisturbedWrites writes;
   size_t written = 0;
   while (written < bytes.size()) {
     const ssize_t n = write(fd, bytes.data() + written, bytes.size() - written);
-    if (n >= 0) {
+    if (n > 0) {
       written += static_cast<size_t>(n);
-    } else if (errno == EAGAIN) {
+    } else if (n < 0 && errno == EAGAIN) {
       // Someone made the descriptor non-blocking (a shared terminal or pipe): wait for room, lose nothing.
       struct pollfd room = {fd, POLLOUT, 0};
       poll(&room, 1, -1);
-    } else if (errno != EINTR) {
+    } else if (n == 0 || errno != EINTR) {
+      *fault = n == 0 ? EIO : errno;
+      writes.pipe_broke = *fault == EPIPE;
       break;
     }
   }
@@ -38,7 +83,8 @@ size_t write_all(int fd, std::string_view bytes) {
 
 class DescriptorOutlet final : public ruxo_log_outlet {
  public:
-  constexpr DescriptorOutlet(int fd, bool json) : fd_(fd), json_(json) {}
+  // The path (null for standard error) is kept, for reopening.
+  constexpr DescriptorOutlet(int fd, const char *path, bool json) : path_(path), fd_(fd), json_(json) {}
 
   void take(const Record &record) override {
     json_ ? ruxo::append_json(lines_.value, record) : ruxo::append_logfmt(lines_.value, record);
@@ -47,60 +93,61 @@ class DescriptorOutlet final : public ruxo_log_outlet {
 
   void flush() override {
     if (lines_->empty()) return;
-    // After a line that was cut off by a fault, the next one starts on its own.
-    if (torn_) lines_->insert(lines_->begin(), '\n');
-    const size_t written = write_all(fd_, lines_.value);
+    int fault = 0;
+    // After a line that a fault cut off, the next one starts on its own.
+    if (torn_) torn_ = write_all(fd_, "\n", &fault) == 0;
+    const size_t written = torn_ ? 0 : write_all(fd_, lines_.value, &fault);
+    if (written > 0) torn_ = lines_.value[written - 1] != '\n';
     if (written == lines_->size()) {
-      failing_ = torn_ = false;
+      failing_ = false;
     } else {
-      report_failure(errno);
-      if (written > 0) torn_ = lines_.value[written - 1] != '\n';
+      report_failure(fault);
     }
     lines_->clear();
   }
 
+  bool reopen() override {
+    if (path_ == nullptr) return true;
+    const int fd = open_to_append(path_);
+    if (fd < 0) return false;
+    close(std::exchange(fd_, fd));
+    failing_ = false;
+    return true;
+  }
+
+  static int open_to_append(const char *path) {
+    // Each write appends where the file ends then, so several processes can share one file.
+    return open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0644);
+  }
+
  private:
   // Once for each stretch of failures; standard error is the only place left to say so.
-  void report_failure(int reason) {
-    if (std::exchange(failing_, true) || fd_ == STDERR_FILENO) return;
-    ruxo::write_stderr(std::string("log lines are being lost: cannot write: ") + strerror(reason) + "\n");
+  void report_failure(int fault) {
+    if (std::exchange(failing_, true) || path_ == nullptr) return;
+    char text[512];
+    const int len = snprintf(text, sizeof text, "log lines are being lost: cannot write %s: %s\n", path_,
+                             strerrordesc_np(fault));
+    if (len > 0) ruxo::write_stderr({text, std::min(static_cast<size_t>(len), sizeof text - 1)});
   }
 
   ruxo::Immortal<std::string> lines_;  // formatted and not yet written
+  const char *path_;
   int fd_;
   bool json_;
   bool failing_ = false;
-  bool torn_ = false;
+  bool torn_ = false;  // the last byte written was not the end of a line
 };
 
 class MemoryOutlet final : public ruxo_log_outlet {
  public:
-  void take(const Record &record) override {
-    const std::lock_guard guard(lock_);
-    lines_.push_back(record.message);
-  }
+  void take(const Record &record) override { lines.push_back(record.message); }
   void flush() override {}
 
-  const char *line(size_t index) {
-    const std::lock_guard guard(lock_);
-    return index < lines_.size() ? lines_[index].c_str() : nullptr;
-  }
-  size_t count() {
-    const std::lock_guard guard(lock_);
-    return lines_.size();
-  }
-  void clear() {
-    const std::lock_guard guard(lock_);
-    lines_.clear();
-  }
-
- private:
-  std::mutex lock_;
-  std::deque<std::string> lines_;  // a deque: texts handed out stay where they are
+  std::deque<std::string> lines;  // a deque: texts handed out stay where they are
 };
 
-constinit DescriptorOutlet stderr_logfmt{STDERR_FILENO, false};
-constinit DescriptorOutlet stderr_json{STDERR_FILENO, true};
+constinit DescriptorOutlet stderr_logfmt{STDERR_FILENO, nullptr, false};
+constinit DescriptorOutlet stderr_json{STDERR_FILENO, nullptr, true};
 
 MemoryOutlet *memory(ruxo_log_outlet_t outlet) {
   return static_cast<MemoryOutlet *>(outlet);
@@ -109,7 +156,8 @@ MemoryOutlet *memory(ruxo_log_outlet_t outlet) {
 }  // namespace
 
 void ruxo::write_stderr(std::string_view text) noexcept {
-  write_all(STDERR_FILENO, text);
+  int ignored;
+  write_all(STDERR_FILENO, text, &ignored);
 }
 
 ruxo_log_outlet *ruxo::stderr_logfmt_outlet() {
@@ -121,15 +169,22 @@ ruxo_log_outlet_t ruxo_log_outlet_stderr(ruxo_boolean json) {
 }
 
 ruxo_log_outlet_t ruxo_log_outlet_file(const char *path, ruxo_boolean json) {
-  // Each write appends where the file ends then, so several processes can share one file.
-  const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0644);
+  const int fd = DescriptorOutlet::open_to_append(path);
   if (fd < 0) return nullptr;
-  auto *const outlet = new (std::nothrow) DescriptorOutlet(fd, json);
+  char *const kept_path = strdup(path);
+  auto *const outlet =
+      kept_path == nullptr ? nullptr : new (std::nothrow) DescriptorOutlet(fd, kept_path, json);
   if (outlet == nullptr) {
     close(fd);
+    free(kept_path);
     errno = ENOMEM;
   }
   return outlet;
+}
+
+ruxo_boolean ruxo_log_outlet_reopen(ruxo_log_outlet_t outlet) {
+  const auto held = ruxo::drain_and_hold();
+  return outlet->reopen();
 }
 
 ruxo_log_outlet_t ruxo_log_outlet_memory(void) {
@@ -137,16 +192,17 @@ ruxo_log_outlet_t ruxo_log_outlet_memory(void) {
 }
 
 const char *ruxo_log_outlet_memory_line(ruxo_log_outlet_t outlet, size_t index) {
-  ruxo::drain();
-  return memory(outlet)->line(index);
+  const auto held = ruxo::drain_and_hold();
+  const auto &lines = memory(outlet)->lines;
+  return index < lines.size() ? lines[index].c_str() : nullptr;
 }
 
 size_t ruxo_log_outlet_memory_count(ruxo_log_outlet_t outlet) {
-  ruxo::drain();
-  return memory(outlet)->count();
+  const auto held = ruxo::drain_and_hold();
+  return memory(outlet)->lines.size();
 }
 
 void ruxo_log_outlet_memory_clear(ruxo_log_outlet_t outlet) {
-  ruxo::drain();
-  memory(outlet)->clear();
+  const auto held = ruxo::drain_and_hold();
+  memory(outlet)->lines.clear();
 }

@@ -1,5 +1,6 @@
 #include "ruxo/util.h"
 
+#include <pthread.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -29,13 +30,19 @@ uint64_t ruxo_now_ms(void) {
   return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
 }
 
+namespace {
+
+// Asked of the kernel once a thread.
+thread_local pid_t task = 0;
+
+// The thread that lives on in a forked child has another number there.
+__attribute__((constructor)) void forget_task_in_forked_child() {
+  pthread_atfork(nullptr, nullptr, [] { task = 0; });
+}
+
+}  // namespace
+
 uint64_t ruxo_task_id(void) {
-  static thread_local pid_t process = 0;
-  static thread_local pid_t task = 0;
-  // Asked of the kernel once a thread; the thread that lives on in a forked child has another number there.
-  if (const pid_t now = getpid(); process != now) {
-    process = now;
-    task = gettid();
-  }
+  if (task == 0) task = gettid();
   return static_cast<uint64_t>(task);
 }

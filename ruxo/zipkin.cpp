@@ -2,7 +2,9 @@
 
 #include <sys/random.h>
 
+#include <atomic>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -13,9 +15,9 @@
 struct ruxo_zipkin_span {
   std::string name;
   uint64_t trace_id = 0;
-  mutable std::mutex lock;  // guards what follows
-  bool logs_attached = false;
-  size_t active_threads = 0;
+  std::atomic<bool> logs_attached = false;  // changed under log_lock(), asked without
+  // Guarded by log_lock(), so that a forked child finds them whole:
+  int active_threads = 0;
   std::deque<std::string> annotations;  // a deque: texts handed out stay where they are
 };
 
@@ -39,13 +41,13 @@ struct ActiveSpan {
 thread_local ActiveSpan active;
 
 void leave(ruxo_zipkin_span &span) {
-  const std::lock_guard guard(span.lock);
+  const std::lock_guard guard(ruxo::log_lock());
   --span.active_threads;
   if (span.logs_attached) ruxo::log_overrides_add(-1);
 }
 
 void enter(ruxo_zipkin_span &span) {
-  const std::lock_guard guard(span.lock);
+  const std::lock_guard guard(ruxo::log_lock());
   ++span.active_threads;
   if (span.logs_attached) ruxo::log_overrides_add(1);
 }
@@ -54,15 +56,10 @@ void enter(ruxo_zipkin_span &span) {
 
 ruxo_zipkin_span *ruxo_zipkin_span_new(const char *name) {
   return ruxo::guarded<ruxo_zipkin_span *>(nullptr, [&] {
-    auto *span = new ruxo_zipkin_span;
+    auto span = std::make_unique<ruxo_zipkin_span>();
+    span->name = name;
     span->trace_id = draw_trace_id();
-    try {
-      span->name = name;
-    } catch (...) {
-      delete span;
-      throw;
-    }
-    return span;
+    return span.release();
   });
 }
 
@@ -92,31 +89,27 @@ ruxo_zipkin_span *ruxo_zipkin_set_active_span(ruxo_zipkin_span *span) {
 }
 
 void ruxo_zipkin_span_attach_logs(ruxo_zipkin_span *span, ruxo_boolean attach) {
-  const std::lock_guard guard(span->lock);
+  const std::lock_guard guard(ruxo::log_lock());
   if (span->logs_attached == attach) return;
   span->logs_attached = attach;
-  const int threads = static_cast<int>(span->active_threads);
-  ruxo::log_overrides_add(attach ? threads : -threads);
+  ruxo::log_overrides_add(attach ? span->active_threads : -span->active_threads);
 }
 
 ruxo_boolean ruxo_zipkin_span_logs_attached(const ruxo_zipkin_span *span) {
-  const std::lock_guard guard(span->lock);
-  return span->logs_attached;
+  return span->logs_attached.load(std::memory_order_relaxed);
 }
 
 size_t ruxo_zipkin_span_annotation_count(const ruxo_zipkin_span *span) {
-  const std::lock_guard guard(span->lock);
+  const std::lock_guard guard(ruxo::log_lock());
   return span->annotations.size();
 }
 
 const char *ruxo_zipkin_span_annotation(const ruxo_zipkin_span *span, size_t index) {
-  const std::lock_guard guard(span->lock);
+  const std::lock_guard guard(ruxo::log_lock());
   return index < span->annotations.size() ? span->annotations[index].c_str() : nullptr;
 }
 
-void ruxo::annotate_active_span(std::string_view message) {
+void ruxo::annotate_active_span(const std::string &message) {
   ruxo_zipkin_span *const span = active.span;
-  if (span == nullptr) return;
-  const std::lock_guard guard(span->lock);
-  if (span->logs_attached) span->annotations.emplace_back(message);
+  if (span != nullptr && span->logs_attached) span->annotations.push_back(message);
 }

@@ -2,12 +2,12 @@
 #ifndef RUXO_ZIPKIN_PRIVATE_H
 #define RUXO_ZIPKIN_PRIVATE_H
 
-#include <string_view>
+#include <string>
 
 namespace ruxo {
 
-// Keeps the message as an annotation of this thread's active span, if that collects logs.
-void annotate_active_span(std::string_view message);
+// Keeps the message as an annotation of this thread's active span, if that collects logs. Under log_lock().
+void annotate_active_span(const std::string &message);
 
 }  // namespace ruxo
 
