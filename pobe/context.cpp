@@ -12,5 +12,5 @@ void pobe_metric_tagset_context_free(pobe_metric_tagset_context_t *ctx) {
 
 void pobe_metric_tagset_context_set_validate_function(pobe_metric_tagset_context_t *ctx,
                                                       pobe_metric_tagset_validate_f fn) {
-  ctx->validate = fn;
+  if (ctx != nullptr) ctx->validate = fn;
 }

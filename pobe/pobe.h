@@ -83,7 +83,8 @@ typedef bool (*pobe_metric_tagset_validate_f)(const char *cat, size_t cat_len, c
 POBE_EXPORT pobe_metric_tagset_context_t *pobe_metric_tagset_context_alloc(void);
 /* Frees a context; null is ignored. Sets parsed with it do not refer to it. */
 POBE_EXPORT void pobe_metric_tagset_context_free(pobe_metric_tagset_context_t *ctx);
-/* Every tag parsed with this context from now on is offered to `fn`; null offers them to nobody. */
+/* Every tag parsed with this context from now on is offered to `fn`; null offers them to nobody. A null context is
+ * ignored. */
 POBE_EXPORT void pobe_metric_tagset_context_set_validate_function(pobe_metric_tagset_context_t *ctx,
                                                                   pobe_metric_tagset_validate_f fn);
 

@@ -19,6 +19,14 @@ int __real_metric_name_parse_next_metadata(const mem_reader_t *, mem_reader_t *,
                                            mem_reader_t *);
 int __wrap_metric_name_parse_next_metadata(const mem_reader_t *, mem_reader_t *, mem_reader_t *,
                                            mem_reader_t *);
+pobe_metric_tagset_context_t *__real_pobe_metric_tagset_context_alloc(void);
+pobe_metric_tagset_context_t *__wrap_pobe_metric_tagset_context_alloc(void);
+}
+
+static bool refuse_context = false;
+
+pobe_metric_tagset_context_t *__wrap_pobe_metric_tagset_context_alloc(void) {
+  return refuse_context ? nullptr : __real_pobe_metric_tagset_context_alloc();
 }
 
 static std::vector<int> answers_to_fake;
@@ -148,6 +156,14 @@ TEST(MetricName, StreamBlockOfAnotherTypeFails) {
 TEST(MetricName, MalformedTagsFail) {
   for (const std::string list : {"a", "a:1,", ",", ":1", "a:[", "a:\x01", "a:\xff", "b\"YQ\":1"})
     EXPECT_EQ(split("cpu|ST[" + list + "]"), std::nullopt) << list;
+}
+
+// Without the context, reserved categories could not be refused.
+TEST(MetricName, FailsWithoutMemoryForAContext) {
+  refuse_context = true;
+  EXPECT_EQ(split("cpu|ST[a:1]"), std::nullopt);
+  EXPECT_EQ(split("cpu|MT{a:1}"), whole_name("cpu"));
+  refuse_context = false;
 }
 
 TEST(MetricName, InputAndOutputMayBeTheSameReader) {
