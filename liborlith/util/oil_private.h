@@ -5,7 +5,7 @@
 #define LIBORLITH_UTIL_OIL_PRIVATE_H
 
 #include "liborlith/util/oil.h"
-#include "liborlith/util/oil_lock.h"
+#include "liborlith/util/oil_lock_private.h"
 
 namespace liborlith {
 

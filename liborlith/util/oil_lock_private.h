@@ -12,8 +12,8 @@
 //
 // Orders: taking acquires, releasing releases. All changes are read-modify-writes, so a taker synchronises
 // with every release before it, also through the failed attempts of others.
-#ifndef LIBORLITH_UTIL_OIL_LOCK_H
-#define LIBORLITH_UTIL_OIL_LOCK_H
+#ifndef LIBORLITH_UTIL_OIL_LOCK_PRIVATE_H
+#define LIBORLITH_UTIL_OIL_LOCK_PRIVATE_H
 
 #include <ck_pr.h>
 #include <sched.h>

@@ -1,0 +1,164 @@
+// Folders are layers and includes point one way: this reads every #include of the tree and holds the rule.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const fs::path kRoot = ORLITH_SOURCE_DIR;
+
+struct Include {
+  std::string file;    // relative to the root
+  std::string target;  // as written between the quotes
+};
+
+bool is_source(const fs::path &path) {
+  return path.extension() == ".h" || path.extension() == ".cpp" || path.extension() == ".c";
+}
+
+std::vector<fs::path> sources_below(const std::string &folder) {
+  std::vector<fs::path> result;
+  for (const auto &entry : fs::recursive_directory_iterator(kRoot / folder)) {
+    if (entry.is_regular_file() && is_source(entry.path())) result.push_back(entry.path());
+  }
+  return result;
+}
+
+std::vector<Include> includes_below(const std::string &folder) {
+  static const std::regex pattern(R"(^\s*#\s*include\s*["<]([^">]+)[">])");
+  std::vector<Include> result;
+  for (const fs::path &path : sources_below(folder)) {
+    std::ifstream file(path);
+    std::string line;
+    std::smatch match;
+    while (std::getline(file, line)) {
+      if (std::regex_search(line, match, pattern))
+        result.push_back({fs::relative(path, kRoot).string(), match[1]});
+    }
+  }
+  return result;
+}
+
+std::string first_folder(const std::string &include) {
+  const size_t slash = include.find('/');
+  return slash == std::string::npos ? "" : include.substr(0, slash);
+}
+
+// The layers of the top folder: who may include whom.
+const std::map<std::string, std::set<std::string>> kMayInclude = {
+    {"ruxo", {"ruxo"}},
+    {"pobe", {"pobe"}},
+    {"liborlith", {"liborlith", "ruxo", "pobe"}},
+    {"orlith", {"orlith", "liborlith", "ruxo", "pobe"}},
+};
+
+// The layers inside liborlith, lowest first; a folder may include its own and lower numbers. The start-up frame
+// starts every module, so its source file alone may see them all.
+const std::map<std::string, int> kLiborlithLayer = {
+    {"util", 1},
+    {"nnt", 1},
+    {"topo", 2},
+    {"orollupd", 3},
+};
+
+std::string liborlith_folder(const std::string &path) {
+  const size_t first = path.find('/');
+  const size_t second = path.find('/', first + 1);
+  return second == std::string::npos ? "" : path.substr(first + 1, second - first - 1);
+}
+
+TEST(Includes, LibrariesOnlyLookDownwards) {
+  size_t checked = 0;
+  for (const auto &[folder, allowed] : kMayInclude) {
+    for (const Include &include : includes_below(folder)) {
+      const std::string target = first_folder(include.target);
+      if (kMayInclude.count(target) == 0) continue;  // a system header
+      ++checked;
+      EXPECT_TRUE(allowed.count(target) != 0) << include.file << " includes " << include.target;
+    }
+  }
+  EXPECT_GT(checked, 100U) << "the rule was hardly exercised: is ORLITH_SOURCE_DIR right?";
+}
+
+TEST(Includes, FoldersOfTheLibraryOnlyLookDownwards) {
+  // The placement hash is the one thing of topo/ that stands on nothing: a metric's identity is hashed with it.
+  const std::set<std::string> hash_users = {"liborlith/util/metric_locator.cpp"};
+  for (const Include &include : includes_below("liborlith")) {
+    const std::string from = liborlith_folder(include.file);
+    if (from.empty() || first_folder(include.target) != "liborlith") continue;
+    const std::string to = liborlith_folder(include.target);
+    if (to.empty() || from == to) continue;
+    if (to == "topo" && hash_users.count(include.file) != 0) continue;
+    ASSERT_TRUE(kLiborlithLayer.count(from) != 0 && kLiborlithLayer.count(to) != 0)
+        << include.file << ": give " << from << " and " << to << " a layer above";
+    EXPECT_LT(kLiborlithLayer.at(to), kLiborlithLayer.at(from))
+        << include.file << " includes " << include.target;
+  }
+}
+
+TEST(Includes, PrivateHeadersStayInTheirFolder) {
+  static const std::regex private_header(R"(_(private|internal)\.h$)");
+  // The locator's structure is read by the interval list's merge, which adds to a locator's own list.
+  for (const std::string folder : {"ruxo", "pobe", "liborlith", "orlith"}) {
+    for (const Include &include : includes_below(folder)) {
+      if (!std::regex_search(include.target, private_header)) continue;
+      EXPECT_EQ(fs::path(include.file).parent_path(), fs::path(include.target).parent_path())
+          << include.file << " includes " << include.target;
+    }
+  }
+}
+
+TEST(Includes, PublicHeadersNeedNoPrivateOnes) {
+  static const std::regex private_header(R"(_(private|internal)\.h$|liborlith_(fatal|module)\.h$)");
+  for (const std::string folder : {"ruxo", "pobe", "liborlith"}) {
+    for (const Include &include : includes_below(folder)) {
+      if (fs::path(include.file).extension() != ".h") continue;
+      if (std::regex_search(include.file, private_header)) continue;
+      EXPECT_FALSE(std::regex_search(include.target, private_header))
+          << include.file << " includes " << include.target;
+    }
+  }
+}
+
+TEST(Sources, AreNoLongerThanAPersonReads) {
+  constexpr size_t kMaxLines = 700;
+  constexpr size_t kMaxTestLines = 1000;  // a test file is read a case at a time
+  constexpr size_t kMaxColumns = 120;
+  for (const std::string folder : {"ruxo", "pobe", "liborlith", "orlith", "test", "bench", "fuzz"}) {
+    for (const fs::path &path : sources_below(folder)) {
+      std::ifstream file(path);
+      std::string line;
+      size_t lines = 0;
+      while (std::getline(file, line)) {
+        ++lines;
+        EXPECT_LE(line.size(), kMaxColumns) << path << ":" << lines;
+      }
+      EXPECT_LE(lines, folder == "test" ? kMaxTestLines : kMaxLines) << path;
+    }
+  }
+}
+
+TEST(Sources, HoldNoMarkersOfUnfinishedWork) {
+  static const std::regex marker(R"(\b(TO)DO\b|\bFIX)"
+                                 R"(ME\b|\bXX)"
+                                 R"(X\b)");
+  for (const std::string folder : {"ruxo", "pobe", "liborlith", "orlith", "test", "bench", "fuzz"}) {
+    for (const fs::path &path : sources_below(folder)) {
+      std::ifstream file(path);
+      std::string line;
+      for (size_t number = 1; std::getline(file, line); ++number) {
+        EXPECT_FALSE(std::regex_search(line, marker)) << path << ":" << number << ": " << line;
+      }
+    }
+  }
+}
+
+}  // namespace
