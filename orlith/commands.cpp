@@ -1,7 +1,10 @@
 // The list of commands: a command's one line outside its own file.
 #include "orlith/cli.h"
 
-#define ORLITH_COMMANDS(X) X(help)
+// In the order of the help. A group stands where its first command stands.
+#define ORLITH_COMMANDS(X) \
+  X(collect)               \
+  X(help)
 
 #define ORLITH_DECLARE(name) extern const Command name##_command;
 ORLITH_COMMANDS(ORLITH_DECLARE)
