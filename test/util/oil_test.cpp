@@ -274,7 +274,7 @@ TEST(OilDeathTest, AnAppendWithoutALastSlotIsFatal) {
         const OilPtr oil(oil_alloc());
         liborlith::oil_fill_last_locked(oil.get(), 1, 2);
       },
-      "\\[FATAL\\] Couldn't get oil_last_locked in oil_append_after_locked - oil->size = 0");
+      "message=\"\\[FATAL\\] Couldn't get oil_last_locked in oil_append_after_locked - oil->size = 0\"\n");
 }
 
 }  // namespace

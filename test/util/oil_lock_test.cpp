@@ -1,0 +1,236 @@
+#include "liborlith/util/oil_lock_private.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "liborlith/util/metric_locator_internal.h"
+#include "liborlith/util/oil.h"
+#include "test/util/oil_support.h"
+
+namespace {
+
+using namespace liborlith;
+
+uint64_t now_in(const uint64_t &word) {
+  return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
+}
+
+// Waits, without a time limit of its own, until `holds` does.
+template <typename Condition>
+void await(Condition holds) {
+  while (!holds()) std::this_thread::yield();
+}
+
+TEST(OilLock, EachHoldHasItsSumAndDroppingItLeavesNothing) {
+  uint64_t word = 0;
+  pl_take_shared(&word);
+  EXPECT_EQ(word, 0x4u);
+  pl_take_shared(&word);
+  EXPECT_EQ(word, 0x8u);
+  pl_drop_shared(&word);
+  pl_drop_shared(&word);
+  pl_take_seek(&word);
+  EXPECT_EQ(word, 0x100000004u);
+  pl_take_shared(&word);
+  EXPECT_EQ(word, 0x100000008u);
+  pl_drop_shared(&word);
+  pl_take_upgrade(&word);
+  EXPECT_EQ(word, 0x500000004u);
+  pl_drop_upgrade(&word);
+  EXPECT_EQ(word, 0x100000004u);
+  pl_drop_seek(&word);
+  EXPECT_EQ(word, 0u);
+  pl_take_write(&word);
+  EXPECT_EQ(word, 0x500000004u);
+  pl_drop_write(&word);
+  EXPECT_EQ(word, 0u);
+}
+
+TEST(OilLock, ReadersGetInBesideASeeker) {
+  uint64_t word = 0;
+  pl_take_seek(&word);
+  std::thread reader([&] {
+    pl_take_shared(&word);
+    pl_drop_shared(&word);
+  });
+  reader.join();
+  EXPECT_EQ(word, 0x100000004u);
+}
+
+TEST(OilLock, AnUpgradeWaitsForTheLastReaderAndHoldsNewOnesOff) {
+  uint64_t word = 0;
+  std::atomic<bool> upgraded{false}, read_again{false};
+  pl_take_shared(&word);
+  std::thread writer([&] {
+    pl_take_seek(&word);
+    pl_take_upgrade(&word);
+    upgraded = true;
+    EXPECT_FALSE(read_again);
+    pl_drop_upgrade(&word);
+    pl_drop_seek(&word);
+  });
+  await([&] { return now_in(word) == 0x500000008u; });
+  EXPECT_FALSE(upgraded);
+  std::thread late_reader([&] {
+    pl_take_shared(&word);
+    read_again = true;
+    EXPECT_TRUE(upgraded);
+    pl_drop_shared(&word);
+  });
+  EXPECT_FALSE(read_again);
+  pl_drop_shared(&word);
+  writer.join();
+  late_reader.join();
+  EXPECT_EQ(word, 0u);
+}
+
+TEST(OilLock, ADirectWriterWaitsForReadersAndForASeeker) {
+  uint64_t word = 0;
+  std::atomic<bool> wrote{false};
+  pl_take_shared(&word);
+  std::thread writer([&] {
+    pl_take_write(&word);
+    wrote = true;
+    pl_drop_write(&word);
+  });
+  await([&] { return now_in(word) == 0x500000008u; });
+  EXPECT_FALSE(wrote);
+  pl_drop_shared(&word);
+  writer.join();
+  EXPECT_TRUE(wrote);
+
+  wrote = false;
+  pl_take_seek(&word);
+  std::thread second([&] {
+    pl_take_write(&word);
+    wrote = true;
+    pl_drop_write(&word);
+  });
+  EXPECT_FALSE(wrote);
+  pl_drop_seek(&word);
+  second.join();
+  EXPECT_TRUE(wrote);
+  EXPECT_EQ(word, 0u);
+}
+
+// Every kind of holder at once: writers change two plain words together, everyone else must see them equal; the
+// thread sanitizer sees an access that the lock does not order.
+TEST(OilLock, KeepsItsPromisesUnderContention) {
+  uint64_t word = 0;
+  uint64_t left = 0, right = 0;
+  uint64_t sought = 0;  // only seekers and writers touch it
+  constexpr int rounds = 4000;
+  const auto reader = [&] {
+    for (int i = 0; i < rounds; ++i) {
+      const SharedHold hold(&word);
+      ASSERT_EQ(left, right);
+    }
+  };
+  const auto seeker = [&] {
+    for (int i = 0; i < rounds; ++i) {
+      pl_take_seek(&word);
+      ++sought;
+      if (i % 3 == 0) {
+        pl_take_upgrade(&word);
+        ++left;
+        ++right;
+        pl_drop_upgrade(&word);
+      }
+      pl_drop_seek(&word);
+    }
+  };
+  const auto writer = [&] {
+    for (int i = 0; i < rounds; ++i) {
+      pl_take_write(&word);
+      ++sought;
+      ++left;
+      ++right;
+      pl_drop_write(&word);
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 2; ++i) {
+    threads.emplace_back(reader);
+    threads.emplace_back(seeker);
+    threads.emplace_back(writer);
+  }
+  for (std::thread &thread : threads) thread.join();
+  EXPECT_EQ(word, 0u);
+  EXPECT_EQ(left, 2u * (rounds + (rounds + 2) / 3));
+  EXPECT_EQ(sought, 4u * rounds);
+}
+
+// Readers over a list that several writers extend, insert into and merge into, all at once.
+TEST(OilStress, ReadersSeeAValidListWhileOthersWrite) {
+  orlith_metric_locator locator{};
+  locator.activity_oil = oil_alloc();
+  oil_list_t *oil = locator.activity_oil;
+  oil_put(oil, 1000000, 1000000);
+  constexpr uint32_t rounds = 1500;
+  constexpr uint32_t writer_count = 3;
+  std::atomic<uint32_t> writing{writer_count + 1};
+
+  std::vector<std::thread> threads;
+  for (uint32_t w = 0; w < writer_count; ++w) {
+    threads.emplace_back([&, w] {
+      std::mt19937 random(w + 1);
+      for (uint32_t i = 0; i < rounds; ++i) {
+        const uint32_t span = i % 50 == 0 ? 3000 : 40;
+        const uint32_t first = static_cast<uint32_t>(random() % 1000000);
+        oil_put(oil, first, first + static_cast<uint32_t>(random() % span));
+        oil_put(oil, 1000000 + i, 1000000 + i);  // the steady extension
+      }
+      --writing;
+    });
+  }
+  threads.emplace_back([&] {
+    const OilPtr src(oil_alloc());
+    for (uint32_t i = 0; i < 200; ++i) {
+      oil_put(src.get(), i * 5000 + 1, i * 5000 + 10);
+      oil_merge_inplace(&locator, src.get());
+    }
+    --writing;
+  });
+  for (uint32_t r = 0; r < 3; ++r) {
+    threads.emplace_back([&, r] {
+      std::mt19937 random(r + 100);
+      uint32_t seen_apocalypse = 0;
+      while (writing > 0) {
+        ASSERT_EQ(oil_valid(oil), 1);
+        uint32_t epoch = 0, apocalypse = 0;
+        ASSERT_EQ(oil_epoch_apoc(oil, &epoch, &apocalypse), 1);
+        ASSERT_GE(apocalypse, seen_apocalypse) << "activity is never taken back";
+        seen_apocalypse = apocalypse;
+        ASSERT_EQ(oil_find(oil, 1000000, nullptr), 1);
+        const uint32_t t = static_cast<uint32_t>(random() % 1000000);
+        oil_range_contains(oil, t, t + 100, nullptr);
+        const OilPtr clone(oil_clone(oil));
+        ASSERT_EQ(oil_valid(clone.get()), 1);
+        char text[64];
+        oil_print(oil, text, sizeof text);
+      }
+    });
+  }
+  for (std::thread &thread : threads) thread.join();
+  EXPECT_EQ(oil->lock, 0u);
+  EXPECT_EQ(oil_valid(oil), 1);
+  for (uint32_t i = 0; i < rounds; ++i) ASSERT_EQ(oil_find(oil, 1000000 + i, nullptr), 1);
+  for (uint32_t i = 0; i < 200; ++i) ASSERT_EQ(oil_find(oil, i * 5000 + 5, nullptr), 1);
+  // Whatever the interleaving was, everything that was put is covered.
+  for (uint32_t w = 0; w < writer_count; ++w) {
+    std::mt19937 random(w + 1);
+    for (uint32_t i = 0; i < rounds; ++i) {
+      const uint32_t span = i % 50 == 0 ? 3000 : 40;
+      const uint32_t first = static_cast<uint32_t>(random() % 1000000);
+      const uint32_t last = first + static_cast<uint32_t>(random() % span);
+      for (uint32_t t : {first, last}) ASSERT_EQ(oil_find(oil, t, nullptr), 1) << t;
+    }
+  }
+  oil_free(oil);
+}
+
+}  // namespace
