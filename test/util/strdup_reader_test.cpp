@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
+
+#include "test/support/syscall_faults.h"
 
 namespace {
 
@@ -70,6 +73,18 @@ TEST(StrdupReader, ItsBufferCanBePatchedInPlace) {
   ASSERT_TRUE(rw_buffer_write_preceding_byte(buffer, &value, '\0'));
   EXPECT_STREQ(reinterpret_cast<const char *>(whole.input_buffer), "key");
   EXPECT_STREQ(reinterpret_cast<const char *>(value.input_buffer), "value");
+  strdup_reader_cleanup(&s);
+}
+
+TEST(StrdupReader, WithoutMemoryItOwnsNothingAndTheEarlierCopyIsGone) {
+  strdup_reader_t s;
+  strdup_reader_init(&s);
+  ASSERT_TRUE(strdup_reader_try_fill(&s, "first"));
+  SyscallFaults faults;
+  faults.fail("strdup", ENOMEM);
+  EXPECT_FALSE(strdup_reader_try_fill(&s, "second"));
+  EXPECT_EQ(s.to_free.mem.input_buffer, nullptr);
+  EXPECT_EQ(s.to_free.mem.input_buffer_size, 0u);
   strdup_reader_cleanup(&s);
 }
 
