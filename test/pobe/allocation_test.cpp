@@ -1,6 +1,7 @@
 // What the library takes from the heap, and what it does when there is none left.
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <new>
 #include <string>
@@ -9,9 +10,14 @@
 #include "test/pobe/naive_metric_name.h"
 #include "test/pobe/random_names.h"
 
+// malloc, operator new and operator new(nothrow), as this executable's objects call them (see test/CMakeLists.txt).
 extern "C" {
 void *__real_malloc(size_t size);
 void *__wrap_malloc(size_t size);
+void *__real__Znwm(size_t size);
+void *__wrap__Znwm(size_t size);
+void *__real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &);
+void *__wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &);
 }
 
 static int allocations = 0;
@@ -21,23 +27,13 @@ void *__wrap_malloc(size_t size) {
   ++allocations;
   return refuse ? nullptr : __real_malloc(size);
 }
-void *operator new(size_t size) {
+void *__wrap__Znwm(size_t size) {
   ++allocations;
-  if (void *bytes = __real_malloc(size)) return bytes;
-  throw std::bad_alloc();
+  return __real__Znwm(size);
 }
-void *operator new(size_t size, const std::nothrow_t &) noexcept {
+void *__wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &nothrow) {
   ++allocations;
-  return refuse ? nullptr : __real_malloc(size);
-}
-void operator delete(void *bytes) noexcept {
-  std::free(bytes);
-}
-void operator delete(void *bytes, size_t) noexcept {
-  std::free(bytes);
-}
-void operator delete(void *bytes, const std::nothrow_t &) noexcept {
-  std::free(bytes);
+  return refuse ? nullptr : __real__ZnwmRKSt9nothrow_t(size, nothrow);
 }
 
 namespace {
@@ -47,6 +43,16 @@ int allocations_in(Call call) {
   allocations = 0;
   call();
   return allocations;
+}
+
+// Otherwise a count of none would mean nothing. Of malloc, the array of a tag set below shows it.
+TEST(Allocation, OperatorNewIsCounted) {
+  void *bytes = nullptr;
+  EXPECT_EQ(allocations_in([&] { bytes = ::operator new(1); }), 1);
+  ::operator delete(bytes);
+  pobe_metric_tagset_context_t *ctx = nullptr;
+  EXPECT_EQ(allocations_in([&] { ctx = pobe_metric_tagset_context_alloc(); }), 1);
+  pobe_metric_tagset_context_free(ctx);
 }
 
 TEST(Allocation, CanonicalisingNeverAllocates) {

@@ -297,6 +297,14 @@ TEST(Canonicalize, KeptMeasurementTagsAreCountedOverAllBlocks) {
             "cpu|MT{" + half + "," + other_half + "}");
 }
 
+// The worked example of doc/metric-names.md.
+TEST(Canonicalize, WorkedExample) {
+  EXPECT_EQ(canonical("cpu|MT{trace:7}|ST[host:w1,b\"YXBw\":db,host:b\"dyxf\"]"),
+            "\x63\x70\x75\x7c\x53\x54\x5b\x61\x70\x70\x3a\x64\x62\x2c\x68\x6f"
+            "\x73\x74\x3a\x62\x22\x64\x79\x78\x66\x22\x2c\x68\x6f\x73\x74\x3a"
+            "\x77\x31\x5d");
+}
+
 TEST(Canonicalize, OutIsNeverWrittenPastItsSize) {
   const std::string name = "cpu|MT{y:1,x:2}|ST[b:2,a:1,b\"LA==\":b\"eA==\"]";
   const std::string expected = "cpu|ST[b\"LA==\":x,a:1,b:2]|MT{x:2,y:1}";
