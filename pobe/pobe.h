@@ -103,7 +103,7 @@ POBE_EXPORT void pobe_metric_tagset_cleanup(pobe_metric_tagset_t *set);
 /* Writes the canonical form of the metric name `in` to `out` (no NUL) and returns its length in bytes, which
  * may exceed `out_size`: then what is in `out` is of no use. At most `out_size` bytes are written; with
  * `out_size` 0 only the length is computed. `in` and `out` must not overlap. A refusal returns a negative
- * code and leaves `out` as it was. Never allocates; uses about 5 KiB of stack.
+ * code and leaves `out` as it was. Never allocates; uses at most 10 KiB of stack.
  *
  * accept_stream_tags: whether the name may have a stream-tag block (its tags are then part of the result);
  *   if not, POBE_E_STREAM_TAGS refuses a name that has one.

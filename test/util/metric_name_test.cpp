@@ -2,7 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <cstdlib>
+#include <initializer_list>
 #include <optional>
 #include <set>
 #include <string>
@@ -246,15 +247,55 @@ TEST(RejectArtificialStreamTags, ValueIsNotLookedAt) {
   EXPECT_FALSE(reject_artificial_stream_tags("__name:", 7, nullptr, 0));
 }
 
-TEST(MetricNameInit, OpensItsConfiguredStreamsOnce) {
+// Start-up happens once in a process, so each of these has a fresh one, whatever ran before: the statement is run
+// by a new copy of this executable, and the number of the first check that fails is its exit code.
+class MetricNameInitDeathTest : public testing::Test {
+ protected:
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+int first_failure(std::initializer_list<bool> checks) {
+  int number = 0;
+  for (const bool passed : checks) {
+    ++number;
+    if (!passed) return number;
+  }
+  return 0;
+}
+
+int start_with_configured_streams() {
   const ruxo_log_stream_t debug = ruxo_log_stream_new("debug/metric_name");
   const ruxo_log_stream_t error = ruxo_log_stream_new("error/metric_name");
+  const bool were_null = mn_debug_ls == nullptr && mn_error_ls == nullptr;
   orlith_metric_name_lib_init();
-  EXPECT_EQ(mn_debug_ls, debug);
-  EXPECT_EQ(mn_error_ls, error);
-  mn_debug_ls = nullptr;
+  return first_failure({were_null, mn_debug_ls == debug, mn_error_ls == error});
+}
+
+int start_without_streams() {
   orlith_metric_name_lib_init();
-  EXPECT_EQ(mn_debug_ls, nullptr);
+  return first_failure({mn_debug_ls == ruxo_debug, mn_error_ls == ruxo_error});
+}
+
+int start_twice() {
+  const ruxo_log_stream_t own = ruxo_log_stream_new("test/own");
+  mn_debug_ls = own;
+  orlith_metric_name_lib_init();
+  const bool kept = mn_debug_ls == own;
+  mn_error_ls = nullptr;
+  orlith_metric_name_lib_init();
+  return first_failure({kept, mn_error_ls == nullptr});
+}
+
+TEST_F(MetricNameInitDeathTest, UsesTheStreamsThatAreConfigured) {
+  EXPECT_EXIT(std::exit(start_with_configured_streams()), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(MetricNameInitDeathTest, FallsBackToTheGlobalStreams) {
+  EXPECT_EXIT(std::exit(start_without_streams()), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(MetricNameInitDeathTest, KeepsTheHostsHandlesAndStartsOnce) {
+  EXPECT_EXIT(std::exit(start_twice()), testing::ExitedWithCode(0), "");
 }
 
 bool is_reserved(const std::string &category) {
