@@ -10,8 +10,8 @@
 #include <string_view>
 
 #include "ruxo/guard_private.h"
-#include "ruxo/json_grammar.h"
-#include "ruxo/utf8.h"
+#include "ruxo/json_grammar_private.h"
+#include "ruxo/utf8_private.h"
 
 namespace {
 

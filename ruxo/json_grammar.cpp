@@ -1,10 +1,10 @@
-#include "ruxo/json_grammar.h"
+#include "ruxo/json_grammar_private.h"
 
 #include <charconv>
 #include <cstdint>
 
 #include "ruxo/json.h"
-#include "ruxo/utf8.h"
+#include "ruxo/utf8_private.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstdio>
 
 #include "ruxo/log_private.h"
-#include "ruxo/utf8.h"
+#include "ruxo/utf8_private.h"
 
 namespace {
 

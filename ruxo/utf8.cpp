@@ -1,4 +1,4 @@
-#include "ruxo/utf8.h"
+#include "ruxo/utf8_private.h"
 
 #include <cstdint>
 

@@ -1,6 +1,6 @@
 // The grammar of RFC 8259, and what a 64-bit program can hold of it.
-#ifndef RUXO_JSON_GRAMMAR_H
-#define RUXO_JSON_GRAMMAR_H
+#ifndef RUXO_JSON_GRAMMAR_PRIVATE_H
+#define RUXO_JSON_GRAMMAR_PRIVATE_H
 
 #include <string_view>
 

@@ -1,6 +1,6 @@
 // UTF-8 as RFC 3629 has it: no overlong forms, no surrogates, nothing above U+10FFFF.
-#ifndef RUXO_UTF8_H
-#define RUXO_UTF8_H
+#ifndef RUXO_UTF8_PRIVATE_H
+#define RUXO_UTF8_PRIVATE_H
 
 #include <cstddef>
 #include <string>
