@@ -8,6 +8,7 @@
 #ifndef LIBORLITH_OROLLUPD_ROLLUP_H
 #define LIBORLITH_OROLLUPD_ROLLUP_H
 
+#include "liborlith/liborlith_init.h" /* orollupd_rollup_init */
 #include "liborlith/nnt/nnt_multitype.h"
 #include "liborlith/util/metric_locator.h"
 #include "ruxo/base.h"
@@ -55,8 +56,6 @@ RUXO_EXPORT extern ruxo_log_stream_t orollup_error_ls;
 RUXO_EXPORT extern double liborlith_private_nan_double;
 RUXO_EXPORT extern float liborlith_private_nan_float;
 
-/* Prepares the ignore set and the NaN and opens the module's log streams, once. Idempotent; any thread. */
-RUXO_EXPORT void orollupd_rollup_init(void);
 /* Computes the two NaNs. A platform whose 0/0 equals itself gets "Cannot construct a NaN value!\n" on the
  * error stream and the process exits with status -1. */
 RUXO_EXPORT void init_private_nan(void);
