@@ -32,7 +32,7 @@ bool write_rest(int fd, const char *bytes, size_t len, int64_t offset) noexcept 
 // records, needs no space and loses nothing that was there. Otherwise the record overlays an older one whose first
 // bytes are gone, so the only whole record to be had is the new one: it is finished. Each way stands in for the
 // other when it fails. When both fail (a full disk that shares blocks between files, a dying device) an overlaid
-// record stays torn; its checksum then rejects it, and the next write of the slot repairs it.
+// record stays torn; its checksum then tells on it, and the next write of the slot repairs it.
 void mend_torn_record(int fd, const char *record, size_t done, int64_t offset) noexcept {
   const int64_t size = file_size(fd);
   const bool at_end = size >= 0 && size < offset + static_cast<int64_t>(kRecordSize);

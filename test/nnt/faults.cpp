@@ -7,27 +7,31 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
+#include <mutex>
 
 namespace faults {
 namespace {
 
+// Calls may come from several threads; plans are made while there is one.
 struct Plan {
-  int calls = 0;
+  std::atomic<int> calls{0};
   int fail_from = 0, fail_until = 0, error = 0;
   int short_from = 0, short_until = 0;
   size_t at_most = 0;
 
-  bool fails() const { return calls >= fail_from && calls < fail_until; }
+  bool fails(int number) const { return number >= fail_from && number < fail_until; }
   bool is_short() const { return calls >= short_from && calls < short_until; }
 };
 
 std::array<Plan, static_cast<size_t>(Call::count)> plans;
 char mkstemp_template[8192];
 char unlinked_name[8192];
-int closed_fd = -1;
+std::atomic<int> closed_fd{-1};
+std::mutex names_lock;
 
 Plan &plan(Call call) {
   return plans[static_cast<size_t>(call)];
@@ -36,8 +40,8 @@ Plan &plan(Call call) {
 // Counts a call; true when it is to fail.
 bool fails(Call call) {
   Plan &p = plan(call);
-  ++p.calls;
-  if (!p.fails()) return false;
+  const int number = ++p.calls;
+  if (!p.fails(number)) return false;
   errno = p.error;
   return true;
 }
@@ -47,6 +51,7 @@ size_t allowed(Call call, size_t len) {
 }
 
 void copy_name(char (&to)[8192], const char *name) {
+  const std::lock_guard guard(names_lock);
   size_t i = 0;
   for (; name[i] != '\0' && i + 1 < sizeof(to); ++i) to[i] = name[i];
   to[i] = '\0';
