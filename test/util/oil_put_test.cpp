@@ -297,6 +297,27 @@ TEST(OilPut, TheLastIntervalExtendsUpToTheEndOfTime) {
   EXPECT_THAT(contents(oil.get()), ElementsAre(Pair(100, 0xFFFFFFFF)));
 }
 
+// The table of doc/interval-lists.md.
+TEST(OilPut, TheDocumentedExampleHolds) {
+  const OilPtr oil(oil_alloc());
+  const struct {
+    uint32_t first, last;
+    const char *text;
+  } steps[] = {{100, 200, "[(100,200)]"},
+               {250, 300, "[(100,300)]"},
+               {397, 400, "[(100,300),(397,400)]"},
+               {1000, 1010, "[(100,300),(397,400),(1000,1010)]"},
+               {600, 610, "[(100,300),(397,400),(600,610),(1000,1010)]"},
+               {950, 960, "[(100,300),(397,400),(600,610),(950,1010)]"},
+               {290, 620, "[(100,300),(301,400),(401,620),(950,1010)]"}};
+  for (const auto &step : steps) {
+    EXPECT_EQ(oil_put(oil.get(), step.first, step.last), 1);
+    char text[200];
+    oil_print(oil.get(), text, sizeof text);
+    EXPECT_STREQ(text, step.text);
+  }
+}
+
 // Puts random ranges into the list and into the model, from `base` up over `span`, and compares after each.
 void compare_with_model(unsigned seed, uint64_t base, uint32_t span, uint32_t max_length) {
   SCOPED_TRACE(testing::Message() << "seed " << seed << " base " << base << " span " << span);
