@@ -146,8 +146,17 @@ class MemoryOutlet final : public ruxo_log_outlet {
   std::deque<std::string> lines;  // a deque: texts handed out stay where they are
 };
 
-constinit DescriptorOutlet stderr_logfmt{STDERR_FILENO, nullptr, false};
-constinit DescriptorOutlet stderr_json{STDERR_FILENO, nullptr, true};
+constinit ruxo::Immortal<DescriptorOutlet> stderr_logfmt{STDERR_FILENO, nullptr, false};
+constinit ruxo::Immortal<DescriptorOutlet> stderr_json{STDERR_FILENO, nullptr, true};
+
+// Hands a new outlet to the framework for good. Null stays null.
+ruxo_log_outlet_t keep(ruxo_log_outlet_t outlet) {
+  static constinit ruxo_log_outlet *last_made = nullptr;
+  if (outlet == nullptr) return nullptr;
+  const std::lock_guard guard(ruxo::log_lock());
+  outlet->next_made = std::exchange(last_made, outlet);
+  return outlet;
+}
 
 MemoryOutlet *memory(ruxo_log_outlet_t outlet) {
   return static_cast<MemoryOutlet *>(outlet);
@@ -161,11 +170,11 @@ void ruxo::write_stderr(std::string_view text) noexcept {
 }
 
 ruxo_log_outlet *ruxo::stderr_logfmt_outlet() {
-  return &stderr_logfmt;
+  return &stderr_logfmt.value;
 }
 
 ruxo_log_outlet_t ruxo_log_outlet_stderr(ruxo_boolean json) {
-  return json ? &stderr_json : &stderr_logfmt;
+  return json ? &stderr_json.value : &stderr_logfmt.value;
 }
 
 ruxo_log_outlet_t ruxo_log_outlet_file(const char *path, ruxo_boolean json) {
@@ -179,7 +188,7 @@ ruxo_log_outlet_t ruxo_log_outlet_file(const char *path, ruxo_boolean json) {
     free(kept_path);
     errno = ENOMEM;
   }
-  return outlet;
+  return keep(outlet);
 }
 
 ruxo_boolean ruxo_log_outlet_reopen(ruxo_log_outlet_t outlet) {
@@ -188,7 +197,7 @@ ruxo_boolean ruxo_log_outlet_reopen(ruxo_log_outlet_t outlet) {
 }
 
 ruxo_log_outlet_t ruxo_log_outlet_memory(void) {
-  return new (std::nothrow) MemoryOutlet;
+  return keep(new (std::nothrow) MemoryOutlet);
 }
 
 const char *ruxo_log_outlet_memory_line(ruxo_log_outlet_t outlet, size_t index) {

@@ -27,7 +27,8 @@ namespace ruxo {
 template <class T>
 union Immortal {
   T value;
-  constexpr Immortal() : value{} {}
+  template <class... Arguments>
+  constexpr explicit Immortal(Arguments... arguments) : value{arguments...} {}
   constexpr ~Immortal() {}
   T *operator->() { return &value; }
 };
@@ -100,6 +101,8 @@ struct ruxo_log_outlet {
   virtual void take(const ruxo::Record &record) = 0;
   virtual void flush() = 0;
   virtual bool reopen() { return true; }
+
+  ruxo_log_outlet *next_made = nullptr;  // all that were made, so that leak checkers see them as kept
 
  protected:
   ~ruxo_log_outlet() = default;

@@ -1,12 +1,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <regex.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -29,15 +29,21 @@ ruxo_log_stream_t stream_to(ruxo_log_outlet_t outlet) {
 
 // The messages of logfmt lines, as written between the quotes; "?" and the line for one that is not whole.
 std::vector<std::string> messages(const std::string &text) {
-  static const std::regex whole(
-      "time=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z level=[a-z]+ stream=[^ ]+ source=[^ ]+:\\d+ "
-      "task=\\d+ message=\"([^\"]*)\"");
+  regex_t whole;
+  regcomp(&whole,
+          "^time=[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3}Z level=[a-z]+ stream=[^ ]+ "
+          "source=[^ ]+:[0-9]+ task=[0-9]+ message=\"([^\"]*)\"$",
+          REG_EXTENDED);
   std::vector<std::string> result;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
-    std::smatch match;
-    result.push_back(std::regex_match(line, match, whole) ? match[1].str() : "?" + line);
+    regmatch_t match[2];
+    const bool is_whole = regexec(&whole, line.c_str(), 2, match, 0) == 0;
+    result.push_back(is_whole ? line.substr(static_cast<size_t>(match[1].rm_so),
+                                            static_cast<size_t>(match[1].rm_eo - match[1].rm_so))
+                              : "?" + line);
   }
+  regfree(&whole);
   return result;
 }
 
@@ -64,6 +70,7 @@ TEST(LogOutlet, AFileCanBeJson) {
 }
 
 TEST(LogOutlet, StandardErrorCanBeJson) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] { ruxo_log(stream_to(ruxo_log_outlet_stderr(true)), "text\n"); });
   ruxo_json_object *const line = ruxo_json_parse(child.stderr_text.c_str());
   EXPECT_NE(line, nullptr) << child.stderr_text;
@@ -120,6 +127,7 @@ TEST(LogOutlet, MemoryKeepsMessagesUntilCleared) {
 }
 
 TEST(LogOutlet, AFullDiskIsReportedOnceOnStandardError) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     const ruxo_log_stream_t ls = stream_to(ruxo_log_outlet_file("/dev/full", false));
     ruxo_log_go_synch();
@@ -131,6 +139,7 @@ TEST(LogOutlet, AFullDiskIsReportedOnceOnStandardError) {
 }
 
 TEST(LogOutlet, TheLineAfterATornOneStartsOnItsOwn) {
+  FORKS_A_CHILD();
   const TempDir dir;
   const ChildResult child = run_in_child([&] {
     const ruxo_log_stream_t ls = stream_to(ruxo_log_outlet_file(dir.file("log").c_str(), false));
@@ -157,6 +166,7 @@ TEST(LogOutlet, TheLineAfterATornOneStartsOnItsOwn) {
 }
 
 TEST(LogOutlet, ANonBlockingPipeLosesNothing) {
+  FORKS_A_CHILD();
   constexpr int kLines = 3000;  // far more than a pipe holds
   const ChildResult child = run_in_child([] {
     fcntl(STDERR_FILENO, F_SETFL, fcntl(STDERR_FILENO, F_GETFL) | O_NONBLOCK);
@@ -168,6 +178,7 @@ TEST(LogOutlet, ANonBlockingPipeLosesNothing) {
 }
 
 TEST(LogOutlet, ABrokenPipeDoesNotKillTheProcess) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     int ends[2];
     if (pipe(ends) != 0) _exit(1);
@@ -184,6 +195,7 @@ TEST(LogOutlet, ABrokenPipeDoesNotKillTheProcess) {
 }
 
 TEST(LogOutlet, ASignalThatWasPendingBeforeStaysPending) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     int ends[2];
     if (pipe(ends) != 0) _exit(1);

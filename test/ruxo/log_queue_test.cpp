@@ -14,12 +14,6 @@
 #include "test/support/log_capture.h"
 #include "test/support/temp_dir.h"
 
-// Forking while other threads run is what some of these tests are about.
-extern "C" const char *__tsan_default_options();
-extern "C" const char *__tsan_default_options() {
-  return "die_after_fork=0";
-}
-
 namespace {
 
 // The messages "<writer> <number>" of logfmt lines, as the numbers of each writer in the order written.
@@ -56,6 +50,7 @@ std::atomic<int> *shared_number() {
 }  // namespace
 
 TEST(LogQueue, GoingSynchronousLosesNothingThatIsQueued) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     log_lines(ruxo_error, 1, 500);
     ruxo_log_go_synch();
@@ -66,6 +61,7 @@ TEST(LogQueue, GoingSynchronousLosesNothingThatIsQueued) {
 }
 
 TEST(LogQueue, OnceSynchronousEachLineIsWrittenBeforeItsCallReturns) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     ruxo_log_go_synch();
     ruxo_log(ruxo_error, "1 0\n");
@@ -75,6 +71,7 @@ TEST(LogQueue, OnceSynchronousEachLineIsWrittenBeforeItsCallReturns) {
 }
 
 TEST(LogQueue, GoingSynchronousTakesLinesOfAllThreads) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) threads.emplace_back(log_lines, ruxo_error, t, 200);
@@ -82,11 +79,13 @@ TEST(LogQueue, GoingSynchronousTakesLinesOfAllThreads) {
     ruxo_log_go_synch();
     abort();
   });
+  EXPECT_TRUE(child.killed_by(SIGABRT)) << child.status;
   auto numbers = numbers_by_writer(child.stderr_text);
   for (int t = 0; t < 4; ++t) expect_counting_from_zero(numbers[t], 200);
 }
 
 TEST(LogQueue, SynchronousWritersOnManyThreadsLoseNothing) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) threads.emplace_back(log_lines, ruxo_error, t, 200);
@@ -94,11 +93,13 @@ TEST(LogQueue, SynchronousWritersOnManyThreadsLoseNothing) {
     for (std::thread &thread : threads) thread.join();
     abort();
   });
+  EXPECT_TRUE(child.killed_by(SIGABRT)) << child.status;
   auto numbers = numbers_by_writer(child.stderr_text);
   for (int t = 0; t < 4; ++t) expect_counting_from_zero(numbers[t], 200);
 }
 
 TEST(LogQueue, GoingAsynchronousAgainKeepsTheOrder) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     for (int i = 0; i < 100; ++i) {
       i % 2 == 0 ? ruxo_log_go_synch() : ruxo_log_go_asynch();
@@ -109,12 +110,14 @@ TEST(LogQueue, GoingAsynchronousAgainKeepsTheOrder) {
 }
 
 TEST(LogQueue, ReturningFromMainLosesNothing) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] { log_lines(ruxo_error, 1, 1000); });
   EXPECT_TRUE(child.exited_with(0));
   expect_counting_from_zero(numbers_by_writer(child.stderr_text)[1], 1000);
 }
 
 TEST(LogQueue, ExitFromAnotherThreadLosesNothing) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     log_lines(ruxo_error, 1, 300);
     std::thread([] {
@@ -129,6 +132,7 @@ TEST(LogQueue, ExitFromAnotherThreadLosesNothing) {
 }
 
 TEST(LogQueue, ExitHandlersCanStillLog) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     atexit([] { ruxo_log(ruxo_error, "1 1\n"); });
     ruxo_log(ruxo_error, "1 0\n");
@@ -137,6 +141,7 @@ TEST(LogQueue, ExitHandlersCanStillLog) {
 }
 
 TEST(LogQueue, ALineWhoseCallReturnedBeforeExitIsWritten) {
+  FORKS_A_CHILD();
   std::atomic<int> *const logged = shared_number();
   ASSERT_NE(logged, nullptr);
   const ChildResult child = run_in_child([&] {
@@ -178,6 +183,7 @@ TEST(LogQueue, MoreBytesThanTheQueueHoldsAreAllKept) {
 }
 
 TEST(LogQueue, AForkedChildWithoutAWriterThreadCanLogAndGoSynchronous) {
+  FORKS_WITH_THREADS();
   ruxo_log_stream_t ls = nullptr;
   const LogCapture capture(&ls);
   ruxo_log(ls, "starts the writer in the parent\n");
@@ -192,6 +198,7 @@ TEST(LogQueue, AForkedChildWithoutAWriterThreadCanLogAndGoSynchronous) {
 }
 
 TEST(LogQueue, AForkedChildStartsAWriterOfItsOwn) {
+  FORKS_WITH_THREADS();
   ruxo_log_stream_t ls = nullptr;
   const LogCapture capture(&ls);
   ruxo_log(ls, "starts the writer in the parent\n");
@@ -215,6 +222,7 @@ TEST(LogQueue, AForkedChildStartsAWriterOfItsOwn) {
 }
 
 TEST(LogQueue, ForkingDuplicatesNoLine) {
+  FORKS_WITH_THREADS();
   const TempDir dir;
   const ruxo_log_stream_t ls = ruxo_log_stream_new("test/fork");
   ruxo_log_stream_add_outlet(ls, ruxo_log_outlet_file(dir.file("log").c_str(), false));
@@ -227,6 +235,7 @@ TEST(LogQueue, ForkingDuplicatesNoLine) {
 }
 
 TEST(LogQueue, ForkingWhileOtherThreadsLogLeavesChildrenAbleToLog) {
+  FORKS_WITH_THREADS();
   ruxo_log_stream_t ls = nullptr;
   const LogCapture capture(&ls);
   std::atomic<bool> stop{false};
@@ -259,6 +268,7 @@ TEST(LogQueue, ForkingWhileOtherThreadsLogLeavesChildrenAbleToLog) {
 }
 
 TEST(LogQueue, TheWriterTakesNoSignalsOfTheHost) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     static std::atomic<pid_t> handled_on{0};
     signal(SIGUSR1, [](int) { handled_on = gettid(); });

@@ -54,6 +54,7 @@ TEST(Log, WorksBeforeMain) {
 }
 
 TEST(Log, LinesOfStaticObjectsBeforeAndAfterMainAreWritten) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     setenv("RUXO_TEST_LOG_BEFORE_MAIN", "1", 1);
     execl("/proc/self/exe", "test_ruxo", "--gtest_filter=None.None", nullptr);
@@ -126,6 +127,7 @@ TEST(Log, GloballyEnabledWritesADisabledStreamToItsOutlets) {
 }
 
 TEST(Log, GloballyEnabledWritesAStreamWithoutOutletToStandardError) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     ruxo_log_set_global_enabled(true);
     ruxo_log(ruxo_debug, "seen\n");
@@ -222,6 +224,7 @@ TEST(Log, EveryOutletOfAStreamGetsTheLine) {
 }
 
 TEST(Log, AnOutletAddedToTheErrorStreamJoinsStandardError) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     const ruxo_log_outlet_t memory = ruxo_log_outlet_memory();
     ruxo_log_stream_add_outlet(ruxo_error, memory);
@@ -243,6 +246,7 @@ TEST(Log, LinesGoToTheOutletsOfTheMomentTheyWereLogged) {
 }
 
 TEST(Log, AHostMaySetTheGlobalStreamsToNull) {
+  FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {
     ruxo_error = nullptr;
     ruxo_log(ruxo_error, "unseen\n");
