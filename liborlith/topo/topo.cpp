@@ -1,10 +1,12 @@
-// The placement hash: SHA-256 one-shot and incremental, and its text form.
+// The placement hash (SHA-256, one-shot and incremental, and its text form) and the table of retained topologies.
 #include "liborlith/topo/topo.h"
 
 #include <openssl/evp.h>
 
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <shared_mutex>
 
 #include "liborlith/liborlith_fatal.h"
 
@@ -40,6 +42,17 @@ class OneShotHasher {
 
   std::unique_ptr<EVP_MD_CTX, FreeContext> context_;
 };
+
+// Topologies by signature. Zeroed is empty, so the table is usable before topo_init_globals too.
+ruxo_hash_table g_retained;
+std::shared_mutex g_retained_lock;  // retaining happens on the control thread, look-ups on any
+
+// The value of a lower-case hex digit, or -1.
+int hex_value(char digit) {
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+  return -1;
+}
 
 }  // namespace
 
@@ -85,4 +98,35 @@ void topo_hash_to_hex(const uint8_t *hash, char *out) {
     out[2 * i + 1] = kDigits[hash[i] & 15];
   }
   out[2 * TOPO_HASH_SIZE] = '\0';
+}
+
+void topo_retain(topo_config *tc) {
+  const std::unique_lock lock(g_retained_lock);
+  if (ruxo_hash_store(&g_retained, tc->signature, TOPO_HASH_SIZE, tc) == 1) return;
+  liborlith_fatal(ruxo_error, "[FATAL] hash collision %s in topology config?!\n", tc->hex_signature);
+}
+
+topo_config *topo_retrieve(const uint8_t *hash) {
+  const std::shared_lock lock(g_retained_lock);
+  void *found = nullptr;
+  if (ruxo_hash_retrieve(&g_retained, hash, TOPO_HASH_SIZE, &found) == 0) return nullptr;
+  return static_cast<topo_config *>(found);
+}
+
+topo_config *topo_retrieve_hex(const char *hex) {
+  if (hex == nullptr || strlen(hex) != 2 * TOPO_HASH_SIZE) return nullptr;
+  uint8_t hash[TOPO_HASH_SIZE];
+  for (size_t i = 0; i < TOPO_HASH_SIZE; ++i) {
+    const int high = hex_value(hex[2 * i]);
+    const int low = hex_value(hex[2 * i + 1]);
+    if (high < 0 || low < 0) return nullptr;
+    hash[i] = static_cast<uint8_t>(high << 4 | low);
+  }
+  return topo_retrieve(hash);
+}
+
+const char *topo_signature(topo_config *tc, void *buff) {
+  static constexpr uint8_t kNone[TOPO_HASH_SIZE] = {};
+  if (buff != nullptr) memcpy(buff, tc == nullptr ? kNone : tc->signature, TOPO_HASH_SIZE);
+  return tc == nullptr ? "-" : tc->hex_signature;
 }

@@ -47,21 +47,23 @@ struct _xmlDoc;
 typedef struct topo_config topo_config;
 typedef struct host_config host_config;
 
+/* Any value may arrive in an enumeration of these from C; the fixed type makes that defined in C++ as well. */
+#ifdef __cplusplus
+#define TOPO_ENUM enum : unsigned
+#else
+#define TOPO_ENUM enum
+#endif
+
 /* Which half of the ring a node's points lie in, in a topology that has sides. The values enter the
  * signature. */
-typedef enum {
-  TOPO_RINGSIDE_BOTH = 0,
-  TOPO_RINGSIDE_A = 1, /* the lower half: top bit of the location clear */
-  TOPO_RINGSIDE_B = 2  /* the upper half */
+typedef TOPO_ENUM{
+    TOPO_RINGSIDE_BOTH = 0, TOPO_RINGSIDE_A = 1, /* the lower half: top bit of the location clear */
+    TOPO_RINGSIDE_B = 2                          /* the upper half */
 } topo_host_ringside_t;
 
 /* How far a node is with a rebalance. */
-typedef enum {
-  TOPO_ACTIVE_UNKNOWN = 0,
-  TOPO_ACTIVE_NEW = 1,
-  TOPO_ACTIVE_TRANSITIONING = 2,
-  TOPO_ACTIVE_TRANSITIONED = 3
-} topo_host_state_t;
+typedef TOPO_ENUM{TOPO_ACTIVE_UNKNOWN = 0, TOPO_ACTIVE_NEW = 1, TOPO_ACTIVE_TRANSITIONING = 2,
+                  TOPO_ACTIVE_TRANSITIONED = 3} topo_host_state_t;
 
 /* One node of a topology. */
 struct host_config {
@@ -139,6 +141,146 @@ RUXO_EXPORT void topo_hash_ctx_final(uint8_t *out, topo_hash_ctx_t *ctx);
 /* Writes hash[0..31] as 64 lower-case hex characters and a NUL into out[0..64]; a hash of all zeros, which
  * stands for "no topology", is written as "-". */
 RUXO_EXPORT void topo_hash_to_hex(const uint8_t *hash, char *out);
+
+/* ---- Topology documents ---- */
+
+/* The largest document that is read. 128 nodes never need a hundredth of it. */
+#define TOPO_DOCUMENT_MAX_BYTES ((size_t)4 * 1024 * 1024)
+
+/* Parses `len` bytes of XML, which may come from anywhere: documents that are over TOPO_DOCUMENT_MAX_BYTES, hold a
+ * NUL, declare a document type or are not well-formed are refused; nothing is fetched and nothing is printed.
+ * Returns a document to xmlFreeDoc(), or null with a message ("line 3: ...", without newline) in *err. Any thread. */
+RUXO_EXPORT struct _xmlDoc *topo_parse_document(const char *bytes, size_t len, char **err);
+/* The same for a file; every message begins with the path. */
+RUXO_EXPORT struct _xmlDoc *topo_parse_document_file(const char *path, char **err);
+
+/* Compiles a parsed document. `hexhash` (may be null) is the signature it must have, in either case. `doc` is only
+ * read. Returns a topology of the caller's, which is not yet known to the process (topo_retain, topo_initialize) and
+ * is freed with topo_free(); or null, with the first fault in *err. Host names are looked up with getaddrinfo(), so
+ * the call may wait for a name server. Any thread. */
+RUXO_EXPORT topo_config *topo_compile(struct _xmlDoc *doc, const char *hexhash, char **err);
+/* Frees a topology with all it owns; null is ignored. It must not be retained, active or next. */
+RUXO_EXPORT void topo_free(topo_config *tc);
+
+/* Enters `tc` into the process-wide table by its signature; the table keeps it for good. Stops the process when one
+ * of that signature is there. Any thread. */
+RUXO_EXPORT void topo_retain(topo_config *tc);
+/* The retained topology with that signature, or null. Borrowed. Any thread. */
+RUXO_EXPORT topo_config *topo_retrieve(const uint8_t *hash);
+/* The same by exactly 64 lower-case hex characters; null for anything else, null included. */
+RUXO_EXPORT topo_config *topo_retrieve_hex(const char *hex);
+/* Copies the 32 signature bytes to `buff` (may be null) and returns the hex form, which lives as long as `tc`. For a
+ * null topology: zeros, and "-". */
+RUXO_EXPORT const char *topo_signature(topo_config *tc, void *buff);
+
+/* ---- Placement ----
+ * `loc` has room for min(count, 10) entries; 10 always suffice. `count` 0, or one above the topology's copy count,
+ * asks for all copies. Each returns the number of owners written, which are distinct. A negative count, and more
+ * copies than there are eligible nodes, stop the process; topo_compile lets no topology of the latter kind pass. The
+ * fast walk allocates nothing; the walk whose name ends in "_slow" gives the same owners without the search tables. */
+
+/* The owners of a 32-byte location. */
+RUXO_EXPORT int _topo_find_insertion_point_config(const topo_config *tc, const uint8_t *hash,
+                                                  host_config **loc, int count);
+RUXO_EXPORT int _topo_find_insertion_point_config_slow(const topo_config *tc, const uint8_t *hash,
+                                                       host_config **loc, int count);
+/* The owners of the hash of `buflen` bytes. */
+RUXO_EXPORT int topo_find_insertion_point_config(const topo_config *tc, const void *buf, size_t buflen,
+                                                 host_config **loc, int count);
+RUXO_EXPORT int topo_find_insertion_point_config_slow(topo_config *tc, const void *buf, size_t buflen,
+                                                      host_config **loc, int count);
+/* The owners of a metric: its stored hash is the location. */
+RUXO_EXPORT int topo_find_insertion_point_config_locator(const topo_config *tc,
+                                                         const struct orlith_metric_locator *metric_locator,
+                                                         host_config **loc, int count);
+RUXO_EXPORT int topo_find_insertion_point_config_locator_slow(
+    topo_config *tc, const struct orlith_metric_locator *metric_locator, host_config **loc, int count);
+/* On the active topology; 0, writing nothing, when there is none. */
+RUXO_EXPORT int topo_find_insertion_point(const void *buf, size_t buflen, host_config **loc, int count);
+/* The owners of the key "ID-NAME" on the active topology. A key of 4133 bytes or more is logged and has no owners. */
+RUXO_EXPORT int topo_find_insertion_point_uuidstr_name(const char *id_str, const char *metric_name,
+                                                       host_config **loc, int count);
+/* The same for a 16-byte id, which enters the key as lower-case text. */
+RUXO_EXPORT int topo_find_insertion_point_name(unsigned char *id, const char *metric_name, host_config **loc,
+                                               int count);
+/* The first two owners of "ID-NAME" on `tc`; null where there is no such copy. */
+RUXO_EXPORT int topo_find_two(topo_config *tc, unsigned char *id, char *metric_name, host_config **h1,
+                              host_config **h2);
+
+/* Whether this node (topo_me) is an owner on the active topology; false when there is none. */
+RUXO_EXPORT ruxo_boolean topo_is_mine(const struct orlith_metric_locator *metric_locator);
+/* The same for the key "UUID-METRIC"; one of 4133 bytes or more is logged and is nobody's. */
+RUXO_EXPORT ruxo_boolean topo_is_mine_uuid_name(const char *uuid_str, const char *metric_str);
+/* Writes the owners on `tc` to hc[0..9] and tells whether `me` (16 bytes) is one of them. `hc` must not be null. */
+RUXO_EXPORT ruxo_boolean topo_is_local_to_topology(const struct orlith_metric_locator *metric_locator,
+                                                   const topo_config *tc, unsigned char *me,
+                                                   host_config **hc);
+
+/* ---- Nodes ----
+ * Ids are 16 bytes; a null topology gives 0, null or false. Where `loc` is an array it has room for host_count
+ * entries. */
+
+RUXO_EXPORT host_config *topo_contains(topo_config *conf, const unsigned char *hostid);
+RUXO_EXPORT int topo_size(topo_config *tc); /* number of nodes */
+RUXO_EXPORT int topo_n(topo_config *tc);    /* number of copies */
+RUXO_EXPORT int topo_w(topo_config *tc);    /* the same */
+RUXO_EXPORT ruxo_boolean topo_sided(topo_config *tc);
+/* The side of a node; BOTH when it is not there. With `tc` null: of this node itself, or else in the active topology. */
+RUXO_EXPORT topo_host_ringside_t topo_side(topo_config *tc, unsigned char *id);
+/* All nodes in document order; `loc` may be null. Returns their number. */
+RUXO_EXPORT int topo_get_all_nodes(topo_config *tc, host_config **loc);
+/* All but this node. With `loc` null the number of all nodes. */
+RUXO_EXPORT int topo_get_all_nodes_except_self(topo_config *tc, host_config **loc);
+/* This node, when it is in `tc` and `loc` is not null: 1, else 0. */
+RUXO_EXPORT int topo_get_just_self(topo_config *tc, host_config **loc);
+/* The nodes of tc0, then those of tc1 whose id tc0 lacks. Either may be null. */
+RUXO_EXPORT int topo_get_all_nodes_in_tcs(topo_config *tc0, topo_config *tc1, host_config **loc);
+/* The nodes on the side of `my_id` (mine) or on the other one (not mine); `loc` may be null. Without sides, or for a
+ * node on both, all nodes are mine; for an id that is not there, none. */
+RUXO_EXPORT int topo_get_all_nodes_on_side(topo_config *tc, host_config **loc, const unsigned char *my_id,
+                                           ruxo_boolean mine);
+/* min(cnt, host_count) distinct nodes in random order, drawn with random(3). */
+RUXO_EXPORT int topo_randomize_hosts(topo_config *tc, host_config **h, int cnt);
+
+/* ---- Lifecycle: which topology is active, who this node is, how far the nodes are ---- */
+
+/* Where the ring and each compiled topology are reported; null (the start value) is off. */
+RUXO_EXPORT void topo_set_debug(ruxo_log_stream_t ndebug);
+/* "unknown", "new", "transitioning", "transitioned"; "error" for any other value. Constant text. */
+RUXO_EXPORT const char *topo_host_state_name(topo_host_state_t s);
+
+RUXO_EXPORT topo_config *topo_active(void);      /* what serves placement now, or null */
+RUXO_EXPORT topo_config *topo_next_active(void); /* what the cluster is moving to, or null */
+RUXO_EXPORT topo_config *topo_target(void);      /* the next one if there is one, else the active one */
+
+/* Makes this process act under a temporary id of its own (16 bytes, copied) that is in no topology. */
+RUXO_EXPORT void topo_set_i_am_ephemeral(unsigned char *id);
+RUXO_EXPORT ruxo_boolean topo_i_am_ephemeral(void);
+/* Writes this node's 16-byte id: the ephemeral one, else that of the node found by topo_set_node, else the one last
+ * given to topo_set_node. */
+RUXO_EXPORT void topo_me(unsigned char *out);
+/* Records who this node is and looks it up on the ring of the next, then of the active topology. 0 when it is there,
+ * else -1; then this process is no node of a topology until the next call. */
+RUXO_EXPORT int topo_set_node(unsigned char *id);
+
+/* Installs the pair at start-up; either may be null. `me` becomes transitioned in conf, and in next new (when there is
+ * no conf) or transitioning. Both are kept, not copied. Returns 0. An ephemeral process that finds `me` in next
+ * logs it and exits. */
+RUXO_EXPORT int topo_initialize(topo_config *conf, topo_config *next, unsigned char *me);
+/* Starts a move to `conf`, which is kept. 0; -1, changing nothing, while a move is pending. May exit, as above. */
+RUXO_EXPORT int topo_activate_next(topo_config *conf);
+/* Completes the move: next becomes active; the former active one stays retained. 0; -1 without a move. May exit. */
+RUXO_EXPORT int topo_transition(void);
+/* Sets one node's state, keeps the counts, and opens reads once no node is unknown or transitioning. */
+RUXO_EXPORT void host_activate(topo_config *conf, host_config *hc, topo_host_state_t state);
+
+/* Calls f for each node in document order; returns the sum of its results. */
+RUXO_EXPORT int topo_apply(topo_config *tc, void *thunk, int (*f)(topo_config *, host_config *, void *));
+/* Calls f for each point in ring order with its node, number, 32-byte location and place on the ring in percent (0
+ * to 100); returns the sum of its results. */
+RUXO_EXPORT int ring_apply(topo_config *tc, void *thunk,
+                           int (*f)(topo_config *, host_config *, unsigned short idx, uint8_t *location,
+                                    double percent, void *thunk));
 
 RUXO_END_DECLS
 

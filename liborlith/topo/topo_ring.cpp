@@ -1,0 +1,208 @@
+// Placement: finding a location on the ring and walking to its owners.
+//
+// Facts about a compiled ring that the code below leans on:
+//   - slots lie in ring order in one block, which fast_slot_ring[0] begins (topo_free needs that as well);
+//   - the last hint's upper is the index of the last point;
+//   - the points of a bucket are between its hints, and the first point at or after any location of the bucket is
+//     between lower and upper, or it is upper + 1 == size (then the location is beyond all points).
+#include "liborlith/topo/topo.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "liborlith/liborlith_fatal.h"
+#include "liborlith/topo/topo_private.h"
+
+namespace {
+
+constexpr uint8_t kTopBit = 0x80;
+constexpr int32_t kWindow = 8;  // points compared around a guess
+
+// ---- Search ----
+
+struct Ring {
+  const host_config_slot *slots;
+  const fast_search_hints_t *hints;
+  int32_t last;  // index of the last point
+};
+
+Ring ring_of(const topo_config *tc) {
+  return {tc->fast_slot_ring[0], tc->fast_search_hints, tc->fast_search_hints[FAST_SIZE - 1].upper};
+}
+
+// Index of the first point in [first, end) that is not below the location; end when there is none.
+int32_t lower_bound(const Ring &ring, int32_t first, int32_t end, const uint8_t *location) {
+  while (first < end) {
+    const int32_t mid = first + (end - first) / 2;
+    if (memcmp(ring.slots[mid].location, location, TOPO_HASH_SIZE) < 0) {
+      first = mid + 1;
+    } else {
+      end = mid;
+    }
+  }
+  return first;
+}
+
+// The same between the hints of the location's bucket. Locations are spread evenly, so the place of this one in its
+// bucket tells by proportion where to look; counting the points below it in a small window needs no branches and
+// touches neighbouring memory. When the window does not hold the answer, a binary search on its far side finds it.
+int32_t first_not_below(const Ring &ring, const uint8_t *location) {
+  const uint64_t prefix = topo_location_prefix(location);
+  const fast_search_hints_t hint = ring.hints[prefix >> (64 - FAST_SIZE_BITS)];
+  if (hint.upper < kWindow) return lower_bound(ring, hint.lower, hint.upper + 1, location);
+  const uint64_t fraction = (prefix << FAST_SIZE_BITS) >> 32;
+  const int32_t offset =
+      static_cast<int32_t>((fraction * static_cast<uint64_t>(hint.upper - hint.lower)) >> 32);
+  const int32_t begin = std::min(std::max(hint.lower + offset - kWindow / 2, 0), hint.upper + 1 - kWindow);
+  int32_t below = 0;
+  for (int32_t i = 0; i < kWindow; ++i)
+    below += topo_location_prefix(ring.slots[begin + i].location) < prefix;
+  if (below == kWindow) return lower_bound(ring, begin + kWindow, hint.upper + 1, location);
+  int32_t index = begin + below;
+  if (below == 0 && begin > hint.lower) index = lower_bound(ring, hint.lower, begin, location);
+  while (index <= ring.last && topo_location_prefix(ring.slots[index].location) == prefix &&
+         memcmp(ring.slots[index].location, location, TOPO_HASH_SIZE) < 0) {
+    ++index;
+  }
+  return index;
+}
+
+int32_t search(const Ring &ring, const uint8_t *location) {
+  const int32_t index = first_not_below(ring, location);
+  return index > ring.last ? 0 : index;
+}
+
+// ---- The two walks ----
+
+int checked_copies(const topo_config *tc, int count) {
+  const int return_count = count != 0 && count < tc->w_count ? count : tc->w_count;
+  liborlith_assert(return_count >= 1);
+  return std::min(return_count, TOPO_MAX_COPIES);
+}
+
+bool in_upper_half(const uint8_t *location) {
+  return (location[0] & kTopBit) != 0;
+}
+
+bool contains_node(host_config *const *loc, int count, const host_config *node) {
+  for (int i = 0; i < count; ++i) {
+    if (loc[i] == node) return true;
+  }
+  return false;
+}
+
+int32_t successor(const Ring &ring, int32_t index) {
+  return index == ring.last ? 0 : index + 1;
+}
+
+// Sided topologies keep each copy in its half: the first point from `index` on in the half of the location.
+int32_t first_in_half(const Ring &ring, int32_t index, bool upper) {
+  for (int32_t steps = 0; steps < ring.last && in_upper_half(ring.slots[index].location) != upper; ++steps) {
+    index = successor(ring, index);
+  }
+  return index;
+}
+
+// The first point from `index` on whose node is not yet an owner; one that has to be walked to must also be on the
+// wanted side. Once round the ring without one means that there are fewer eligible nodes than copies.
+int32_t first_new_owner(const Ring &ring, int32_t index, topo_host_ringside_t side, host_config *const *loc,
+                        int owner_count) {
+  if (!contains_node(loc, owner_count, ring.slots[index].node)) return index;
+  for (int32_t steps = 0; steps < ring.last; ++steps) {
+    index = successor(ring, index);
+    const host_config *node = ring.slots[index].node;
+    if (node->ringside == side && !contains_node(loc, owner_count, node)) return index;
+  }
+  liborlith_assert(0);
+  return 0;
+}
+
+topo_host_ringside_t side_of_half(bool upper) {
+  return upper ? TOPO_RINGSIDE_B : TOPO_RINGSIDE_A;
+}
+
+// The reference walk's search: the point at the location or right of it, the first point of all beyond the last.
+ruxo_skiplist_node find_start(const topo_config *tc, const uint8_t *location) {
+  ruxo_skiplist_node node = nullptr;
+  ruxo_skiplist_node next = nullptr;
+  ruxo_skiplist_find_neighbors(tc->ring, location, &node, nullptr, &next);
+  if (node != nullptr) return node;
+  if (next == nullptr) next = ruxo_skiplist_first(tc->ring);
+  liborlith_assert(next);
+  return next;
+}
+
+// Walks from `node` to the first point whose node is none of loc[0..i-1] (and, with sides, in the half of the
+// location) and makes that loc[i]. The walk may pass the end of the list twice.
+void walk_to_owner(const topo_config *tc, ruxo_skiplist_node node, const uint8_t *location, host_config **loc,
+                   int i) {
+  for (int wraps = 0; loc[i] == nullptr && wraps <= 2; ++wraps) {
+    for (; loc[i] == nullptr && node != nullptr; node = ruxo_skiplist_next(tc->ring, node)) {
+      const auto *slot = static_cast<const host_config_slot *>(ruxo_skiplist_data(node));
+      if (tc->use_side && in_upper_half(slot->location) != in_upper_half(location)) continue;
+      if (!contains_node(loc, i, slot->node)) loc[i] = slot->node;
+    }
+    node = ruxo_skiplist_first(tc->ring);
+  }
+  liborlith_assert(loc[i]);
+}
+
+}  // namespace
+
+int32_t topo_ring_search(const topo_config *tc, const uint8_t *location) {
+  return search(ring_of(tc), location);
+}
+
+// Copies alternate between the halves of the ring: copy 0 starts at the location, copy 1 at its mirror in the other
+// half, and every later copy goes on behind the owner two before it, in whose half it is. All points that it thereby
+// passes over belong to owners, which is why the reference walk, starting anew each time, finds the same nodes.
+int _topo_find_insertion_point_config(const topo_config *tc, const uint8_t *hash, host_config **loc,
+                                      int count) {
+  const int copies = checked_copies(tc, count);
+  std::fill_n(loc, copies, nullptr);
+  const Ring ring = ring_of(tc);
+  uint8_t location[TOPO_HASH_SIZE];
+  memcpy(location, hash, sizeof location);
+  int32_t found_index[TOPO_MAX_COPIES];
+  for (int i = 0; i < copies; ++i) {
+    int32_t index = i < 2 ? search(ring, location) : successor(ring, found_index[i - 2]);
+    topo_host_ringside_t side = TOPO_RINGSIDE_BOTH;
+    if (tc->use_side) {
+      const bool upper = in_upper_half(location);
+      side = side_of_half(upper);
+      index = first_in_half(ring, index, upper);
+    }
+    index = first_new_owner(ring, index, side, loc, i);
+    loc[i] = ring.slots[index].node;
+    found_index[i] = index;
+    location[0] ^= kTopBit;
+  }
+  return copies;
+}
+
+int _topo_find_insertion_point_config_slow(const topo_config *tc, const uint8_t *hash, host_config **loc,
+                                           int count) {
+  const int copies = checked_copies(tc, count);
+  std::fill_n(loc, copies, nullptr);
+  uint8_t location[TOPO_HASH_SIZE];
+  memcpy(location, hash, sizeof location);
+  for (int i = 0; i < copies; ++i) {
+    walk_to_owner(tc, find_start(tc, location), location, loc, i);
+    location[0] ^= kTopBit;
+  }
+  return copies;
+}
+
+int topo_find_insertion_point_config(const topo_config *tc, const void *buf, size_t buflen, host_config **loc,
+                                     int count) {
+  uint8_t hash[TOPO_HASH_SIZE];
+  topo_hash(buf, buflen, hash);
+  return _topo_find_insertion_point_config(tc, hash, loc, count);
+}
+
+int topo_find_insertion_point_config_slow(topo_config *tc, const void *buf, size_t buflen, host_config **loc,
+                                          int count) {
+  uint8_t hash[TOPO_HASH_SIZE];
+  topo_hash(buf, buflen, hash);
+  return _topo_find_insertion_point_config_slow(tc, hash, loc, count);
+}

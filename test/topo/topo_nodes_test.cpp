@@ -1,0 +1,174 @@
+#include <algorithm>
+#include <cstdlib>
+#include <set>
+
+#include "test/topo/topo_test_support.h"
+
+namespace {
+
+using namespace topo_test;
+
+using Nodes = std::vector<const host_config *>;
+
+Nodes all_of(const topo_config *tc) {
+  Nodes result;
+  for (int i = 0; i < tc->host_count; ++i) result.push_back(&tc->hc[i]);
+  return result;
+}
+
+void be(const std::string &id) {
+  topo_set_node(binary_id(id).data());
+}
+
+TEST(TopoNodes, NullTopologies) {
+  host_config *loc[4] = {};
+  auto id = binary_id(kId1);
+  EXPECT_EQ(topo_contains(nullptr, id.data()), nullptr);
+  EXPECT_EQ(topo_size(nullptr), 0);
+  EXPECT_EQ(topo_n(nullptr), 0);
+  EXPECT_EQ(topo_w(nullptr), 0);
+  EXPECT_FALSE(topo_sided(nullptr));
+  EXPECT_EQ(topo_side(nullptr, id.data()), TOPO_RINGSIDE_BOTH);
+  EXPECT_EQ(topo_get_all_nodes(nullptr, loc), 0);
+  EXPECT_EQ(topo_get_all_nodes_except_self(nullptr, loc), 0);
+  EXPECT_EQ(topo_get_all_nodes_except_self(nullptr, nullptr), 0);
+  EXPECT_EQ(topo_get_just_self(nullptr, loc), 0);
+  EXPECT_EQ(topo_get_all_nodes_in_tcs(nullptr, nullptr, loc), 0);
+  EXPECT_EQ(topo_get_all_nodes_on_side(nullptr, loc, id.data(), ruxo_true), 0);
+  EXPECT_EQ(topo_get_all_nodes_on_side(nullptr, loc, id.data(), ruxo_false), 0);
+  EXPECT_EQ(topo_randomize_hosts(nullptr, loc, 4), 0);
+  EXPECT_EQ(loc[0], nullptr);
+}
+
+TEST(TopoNodes, CountsAndMembership) {
+  const TopoHandle tc = compile_ok(many_nodes(5, 3, 3));
+  EXPECT_EQ(topo_size(tc.get()), 5);
+  EXPECT_EQ(topo_n(tc.get()), 3);
+  EXPECT_EQ(topo_w(tc.get()), 3);
+  EXPECT_FALSE(topo_sided(tc.get()));
+  EXPECT_EQ(topo_contains(tc.get(), binary_id(numbered_id(4)).data()), &tc->hc[4]);
+  EXPECT_EQ(topo_contains(tc.get(), binary_id(kId1).data()), nullptr);
+}
+
+TEST(TopoNodes, SideOfANode) {
+  const TopoHandle tc = compile_ok(many_nodes(4, 3, 2, true));
+  EXPECT_TRUE(topo_sided(tc.get()));
+  EXPECT_EQ(topo_side(tc.get(), binary_id(numbered_id(0)).data()), TOPO_RINGSIDE_A);
+  EXPECT_EQ(topo_side(tc.get(), binary_id(numbered_id(1)).data()), TOPO_RINGSIDE_B);
+  EXPECT_EQ(topo_side(tc.get(), binary_id(kId1).data()), TOPO_RINGSIDE_BOTH);
+}
+
+TEST(TopoNodes, SideWithoutATopologyIsThatOfSelfOrOfTheActiveOne) {
+  const TopoHandle sided = compile_ok(many_nodes(4, 3, 2, true));
+  auto b = binary_id(numbered_id(1));
+  topo_initialize(sided.get(), nullptr, b.data());
+  EXPECT_EQ(topo_side(nullptr, b.data()), TOPO_RINGSIDE_B);  // from the active one
+  be(numbered_id(1));
+  EXPECT_EQ(topo_side(nullptr, b.data()), TOPO_RINGSIDE_B);
+  topo_initialize(nullptr, nullptr, b.data());
+  EXPECT_EQ(topo_side(nullptr, b.data()), TOPO_RINGSIDE_B);  // from this node itself
+  EXPECT_EQ(topo_side(nullptr, binary_id(numbered_id(3)).data()), TOPO_RINGSIDE_BOTH);
+  be(kId1);  // forgets the node before its topology is freed
+}
+
+TEST(TopoNodes, AllNodesInDocumentOrder) {
+  const TopoHandle tc = compile_ok(many_nodes(5, 3, 2));
+  host_config *loc[5];
+  EXPECT_EQ(topo_get_all_nodes(tc.get(), nullptr), 5);
+  EXPECT_EQ(topo_get_all_nodes(tc.get(), loc), 5);
+  EXPECT_EQ(Nodes(loc, loc + 5), all_of(tc.get()));
+}
+
+TEST(TopoNodes, AllButSelfAndJustSelf) {
+  const TopoHandle tc = compile_ok(many_nodes(5, 3, 2));
+  host_config *loc[5] = {};
+  be(kId1);  // in no topology
+  EXPECT_EQ(topo_get_all_nodes_except_self(tc.get(), loc), 5);
+  EXPECT_EQ(topo_get_just_self(tc.get(), loc), 0);
+  be(numbered_id(2));
+  EXPECT_EQ(topo_get_all_nodes_except_self(tc.get(), loc), 4);
+  EXPECT_EQ(Nodes(loc, loc + 4), (Nodes{&tc->hc[0], &tc->hc[1], &tc->hc[3], &tc->hc[4]}));
+  EXPECT_EQ(topo_get_all_nodes_except_self(tc.get(), nullptr), 5);  // the number of all
+  EXPECT_EQ(topo_get_just_self(tc.get(), loc), 1);
+  EXPECT_EQ(loc[0], &tc->hc[2]);
+  EXPECT_EQ(topo_get_just_self(tc.get(), nullptr), 0);
+}
+
+TEST(TopoNodes, NodesOfTwoTopologies) {
+  const TopoHandle one = compile_ok(nodes("", node(kId1) + node(kId2)));
+  const TopoHandle two = compile_ok(nodes("", node(kId3) + node(kId2) + node(kId4)));
+  host_config *loc[8];
+  EXPECT_EQ(topo_get_all_nodes_in_tcs(one.get(), two.get(), loc), 4);
+  EXPECT_EQ(Nodes(loc, loc + 4), (Nodes{&one->hc[0], &one->hc[1], &two->hc[0], &two->hc[2]}));
+  EXPECT_EQ(topo_get_all_nodes_in_tcs(nullptr, two.get(), loc), 3);
+  EXPECT_EQ(Nodes(loc, loc + 3), all_of(two.get()));
+  EXPECT_EQ(topo_get_all_nodes_in_tcs(one.get(), nullptr, loc), 2);
+  EXPECT_EQ(Nodes(loc, loc + 2), all_of(one.get()));
+}
+
+TEST(TopoNodes, NodesOnASide) {
+  const TopoHandle tc = compile_ok(many_nodes(5, 3, 2, true));  // a b a b a
+  const auto a = binary_id(numbered_id(2));
+  host_config *loc[5];
+  EXPECT_EQ(topo_get_all_nodes_on_side(tc.get(), nullptr, a.data(), ruxo_true), 3);
+  EXPECT_EQ(topo_get_all_nodes_on_side(tc.get(), loc, a.data(), ruxo_true), 3);
+  EXPECT_EQ(Nodes(loc, loc + 3), (Nodes{&tc->hc[0], &tc->hc[2], &tc->hc[4]}));
+  EXPECT_EQ(topo_get_all_nodes_on_side(tc.get(), nullptr, a.data(), ruxo_false), 2);
+  EXPECT_EQ(topo_get_all_nodes_on_side(tc.get(), loc, a.data(), ruxo_false), 2);
+  EXPECT_EQ(Nodes(loc, loc + 2), (Nodes{&tc->hc[1], &tc->hc[3]}));
+  const auto stranger = binary_id(kId1);
+  EXPECT_EQ(topo_get_all_nodes_on_side(tc.get(), loc, stranger.data(), ruxo_true), 0);
+  EXPECT_EQ(topo_get_all_nodes_on_side(tc.get(), loc, stranger.data(), ruxo_false), 5);
+  EXPECT_EQ(Nodes(loc, loc + 5), all_of(tc.get()));
+}
+
+TEST(TopoNodes, WithoutSidesAllNodesAreMine) {
+  const TopoHandle tc = compile_ok(many_nodes(5, 3, 2));
+  const auto me = binary_id(numbered_id(2));
+  host_config *loc[5];
+  EXPECT_EQ(topo_get_all_nodes_on_side(tc.get(), loc, me.data(), ruxo_true), 5);
+  EXPECT_EQ(Nodes(loc, loc + 5), all_of(tc.get()));
+  EXPECT_EQ(topo_get_all_nodes_on_side(tc.get(), loc, me.data(), ruxo_false), 0);
+}
+
+// ---- Random choice ----
+
+TEST(TopoRandomizeHosts, SortsTheNodesByTheirDraws) {
+  const TopoHandle tc = compile_ok(many_nodes(20, 1, 2));
+  for (unsigned seed = 1; seed <= 20; ++seed) {
+    SCOPED_TRACE(seed);
+    srandom(seed);
+    std::vector<std::pair<long, const host_config *>> draws;
+    for (int i = 0; i < 20; ++i) draws.emplace_back(random(), &tc->hc[i]);
+    std::stable_sort(draws.begin(), draws.end(),
+                     [](const auto &x, const auto &y) { return x.first < y.first; });
+    srandom(seed);
+    host_config *chosen[20];
+    ASSERT_EQ(topo_randomize_hosts(tc.get(), chosen, 7), 7);
+    for (size_t i = 0; i < 7; ++i) EXPECT_EQ(chosen[i], draws[i].second);
+  }
+}
+
+TEST(TopoRandomizeHosts, GivesAtMostAllNodes) {
+  const TopoHandle tc = compile_ok(many_nodes(5, 1, 2));
+  host_config *chosen[6] = {};
+  EXPECT_EQ(topo_randomize_hosts(tc.get(), chosen, 0), 0);
+  EXPECT_EQ(topo_randomize_hosts(tc.get(), chosen, -1), 0);
+  EXPECT_EQ(chosen[0], nullptr);
+  EXPECT_EQ(topo_randomize_hosts(tc.get(), chosen, 100), 5);
+  EXPECT_EQ(std::set<host_config *>(chosen, chosen + 5).size(), 5u);
+  EXPECT_EQ(chosen[5], nullptr);
+}
+
+TEST(TopoRandomizeHostsDeathTest, StopsWithoutMemory) {
+  const TopoHandle tc = compile_ok(many_nodes(5, 1, 2));
+  host_config *chosen[5];
+  EXPECT_DEATH(
+      {
+        allocations_before_failure = 0;
+        topo_randomize_hosts(tc.get(), chosen, 5);
+      },
+      "\\[FATAL\\] assertion \\(draws\\) at topo/topo_nodes\\.cpp:[0-9]+ failed");
+}
+
+}  // namespace
