@@ -1,0 +1,62 @@
+// The open slots of one metric at one period: samples are folded in memory, whole slots are written at checkpoints.
+#ifndef ORLITH_ROLLUP_SLOTS_H
+#define ORLITH_ROLLUP_SLOTS_H
+
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "liborlith/nnt/nnt_multitype.h"
+#include "liborlith/orollupd/rollup.h"
+
+struct OpenSlot {
+  nnt_multitype folded{};  // what came in since the slot was opened here
+  int drun_ms = 0;         // time already folded into the derivative, and into the counter
+  int crun_ms = 0;
+  bool dirty = false;  // holds samples that no checkpoint has written
+  // What the file of each owner held before this slot was opened here, read at the first write. It is kept so that
+  // a slot which stays open over several checkpoints is combined with it once, not once a checkpoint. Owners are
+  // always written in the same order: the first `owners_read` of them are known; empty: all those hold nothing.
+  uint16_t owners_read = 0;
+  std::vector<nnt_multitype> stored;
+
+  const nnt_multitype &stored_for(size_t owner) const;
+};
+
+// What is to stand in an owner's file: the samples of `slot` combined with what was stored before. Counts weigh the
+// values; a side that knows no rate (its first sample ever, or rates of unusable times only) weighs nothing in
+// the rates of the other.
+nnt_multitype combined_slot(const OpenSlot &slot, size_t owner);
+
+class SlotSeries {
+ public:
+  explicit SlotSeries(uint32_t period_s) : period_s_(period_s) {}
+
+  // Folds a numeric sample that is not null into its slot. True when that slot was opened by it. Samples may
+  // come in any order; the rate of one that is not later than the sample before it is unknown.
+  bool fold(const metric_value_t &sample);
+
+  // Slots by their start (seconds), ascending.
+  std::map<uint64_t, OpenSlot> &slots() { return slots_; }
+  uint32_t period_s() const { return period_s_; }
+
+  // After a checkpoint: all slots but the newest are let go of. Returns how many.
+  size_t close_all_but_newest();
+
+ private:
+  struct Free {
+    void operator()(metric_value_t *value) const { std::free(value); }
+  };
+  OpenSlot &slot_at(uint64_t start_s);
+
+  uint32_t period_s_;
+  std::map<uint64_t, OpenSlot> slots_;
+  // The slot of the latest folded sample: most samples go where the one before them went.
+  uint64_t current_start_s_ = 0;
+  OpenSlot *current_ = nullptr;
+  std::unique_ptr<metric_value_t, Free> previous_;
+};
+
+#endif
