@@ -1,0 +1,105 @@
+// Writes rollup slots into the NNT files of a data folder, all or nothing between two commits.
+//
+// A slot inside a file is written in place, after the bytes it replaces were kept; a file that does not exist, or
+// whose epoch has to move back, is built beside its final name and renamed at the commit. commit() brings
+// everything to the disk; roll_back() undoes every write since the last commit, so that a full disk leaves the
+// folder as the last commit left it.
+#ifndef ORLITH_ROLLUP_STORE_H
+#define ORLITH_ROLLUP_STORE_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "liborlith/nnt/nnt.h"
+#include "orlith/rollup_slots.h"
+
+// One slot that goes into a file; what the file holds there is read into it before its first write.
+struct SlotWrite {
+  uint64_t start_s;
+  OpenSlot *slot;
+};
+
+// The file of one metric, period and owner.
+struct SlotFile {
+  std::string path;  // below the data folder
+  uint32_t period_s;
+  size_t owner;        // which of the slots' `stored` values belongs to this file
+  size_t owner_count;  // how many files hold the same slots
+};
+
+class RollupStore {
+ public:
+  RollupStore() = default;
+  ~RollupStore();  // rolls back what was not committed
+  RollupStore(const RollupStore &) = delete;
+  RollupStore &operator=(const RollupStore &) = delete;
+
+  // Opens (and creates) the data folder and locks it against a second writer.
+  bool open(const std::string &folder);
+
+  // `slots` ascend and are not empty. False with error() when the file cannot be read or written as a whole.
+  bool write(const SlotFile &file, std::span<const SlotWrite> slots);
+  bool commit();
+  // False when some file could not be put back; unrestored() then names it.
+  bool roll_back();
+
+  const std::string &error() const { return error_; }
+  const std::string &unrestored() const { return unrestored_; }
+
+  uint64_t files_created() const { return files_created_; }
+  uint64_t records_written() const { return records_written_; }
+  // Records in the way of new slots whose checksum was wrong; they were replaced.
+  uint64_t damaged_records() const { return damaged_records_; }
+  const std::string &first_damaged() const { return first_damaged_; }
+
+ private:
+  // Undoes one change. Files in preparation have no bytes: they are removed, or their old copy is put back.
+  struct Undo {
+    std::string path;
+    bool prepared_copy = false;  // ".new" stands beside the path until the commit renames it
+    bool renamed = false;
+    bool replaced_existing = false;  // then ".old" is the file as it was
+    off_t offset = 0;
+    off_t old_size = 0;
+    std::vector<char> old_bytes;
+  };
+  // A maximal series of slots without a gap.
+  struct Run {
+    size_t first;
+    size_t count;
+  };
+
+  bool write_in_place(const std::string &path, nnt_handle *handle, const SlotFile &file,
+                      std::span<const SlotWrite> slots);
+  bool write_copy(const std::string &path, nnt_handle *old, const SlotFile &file,
+                  std::span<const SlotWrite> slots);
+  bool put_runs(nnt_handle *handle, const SlotFile &file, std::span<const SlotWrite> slots);
+  bool keep_old_bytes(const std::string &path, nnt_handle *handle, const SlotFile &file,
+                      std::span<const SlotWrite> slots);
+  void read_stored(const std::string &path, nnt_handle *handle, const SlotFile &file,
+                   std::span<const SlotWrite> slots);
+  bool rename_copies();
+  bool undo(const Undo &change);
+  bool sync();
+  void forget_changes();
+  bool fail(const std::string &path, const std::string &what);
+  bool fail_errno(const std::string &path, const char *what);
+
+  static std::vector<Run> runs_of(std::span<const SlotWrite> slots, uint32_t period_s);
+
+  std::string folder_;
+  int folder_fd_ = -1;
+  std::vector<Undo> changes_;
+  std::string error_;
+  std::string unrestored_;
+  uint64_t files_created_ = 0;
+  uint64_t records_written_ = 0;
+  uint64_t damaged_records_ = 0;
+  std::string first_damaged_;
+};
+
+#endif

@@ -1,0 +1,336 @@
+#include "orlith/rollup_store.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "liborlith/liborlith_init.h"
+#include "test/support/temp_dir.h"
+
+// System calls that fail at a chosen use; linked in place of the real ones (-Wl,--wrap).
+namespace {
+
+struct Fault {
+  int calls_before = -1;  // how many calls still succeed; below 0: none fails
+  int error = 0;
+  bool hits() {
+    if (calls_before < 0) return false;
+    return calls_before-- == 0;
+  }
+};
+Fault pwrite_fault, syncfs_fault, rename_fault, link_fault;
+bool pwrite_writes_half = false;
+
+}  // namespace
+
+extern "C" {
+ssize_t __real_pwrite(int fd, const void *bytes, size_t length, off_t offset);
+int __real_syncfs(int fd);
+int __real_rename(const char *from, const char *to);
+int __real_link(const char *from, const char *to);
+
+ssize_t __wrap_pwrite(int fd, const void *bytes, size_t length, off_t offset) {
+  if (!pwrite_fault.hits()) return __real_pwrite(fd, bytes, length, offset);
+  if (pwrite_writes_half) return __real_pwrite(fd, bytes, length / 2, offset);
+  errno = pwrite_fault.error;
+  return -1;
+}
+int __wrap_syncfs(int fd) {
+  if (!syncfs_fault.hits()) return __real_syncfs(fd);
+  errno = syncfs_fault.error;
+  return -1;
+}
+int __wrap_rename(const char *from, const char *to) {
+  if (!rename_fault.hits()) return __real_rename(from, to);
+  errno = rename_fault.error;
+  return -1;
+}
+int __wrap_link(const char *from, const char *to) {
+  if (!link_fault.hits()) return __real_link(from, to);
+  errno = link_fault.error;
+  return -1;
+}
+}
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class RollupStoreTest : public testing::Test {
+ protected:
+  RollupStoreTest() {
+    liborlith_init();
+    clear_faults();
+  }
+  ~RollupStoreTest() override { clear_faults(); }
+
+  static void clear_faults() {
+    pwrite_fault = syncfs_fault = rename_fault = link_fault = Fault();
+    pwrite_writes_half = false;
+  }
+
+  static OpenSlot slot(double value) {
+    OpenSlot result;
+    result.folded.type = NNT_TYPE_DOUBLE;
+    result.folded.count = 1;
+    result.folded.value.v_double = value;
+    result.dirty = true;
+    return result;
+  }
+
+  // Writes value 1.0 * start into each of the slots of one file.
+  static bool write(RollupStore &store, const std::string &file, const std::vector<uint64_t> &starts) {
+    std::map<uint64_t, OpenSlot> slots;
+    std::vector<SlotWrite> writes;
+    for (const uint64_t start : starts) {
+      slots[start] = slot(static_cast<double>(start));
+      writes.push_back({start, &slots[start]});
+    }
+    return store.write({file, 60, 0, 1}, writes);
+  }
+
+  std::map<uint64_t, double> stored(const std::string &file) const {
+    std::map<uint64_t, double> result;
+    nnt_handle *handle = nnt_open((dir_.path() + "/" + file).c_str(), nullptr);
+    if (handle == nullptr) return result;
+    uint64_t epoch = 0, period = 0, apocalypse = 0;
+    nnt_get_metadata(handle, &epoch, &period);
+    nnt_get_apocalypse(handle, &apocalypse);
+    for (uint64_t at = epoch; at < apocalypse; at += period) {
+      nnt_multitype value{};
+      EXPECT_EQ(nnt_get(handle, at, &value), 1);
+      if (value.type == NNT_TYPE_UINT64) result[at] = static_cast<double>(value.value.v_uint64);
+      if (value.type == NNT_TYPE_DOUBLE) result[at] = value.value.v_double;
+    }
+    nnt_close(handle);
+    return result;
+  }
+
+  // Every file of the folder with its bytes.
+  std::map<std::string, std::string> snapshot() const {
+    std::map<std::string, std::string> result;
+    for (const auto &entry : fs::recursive_directory_iterator(dir_.path())) {
+      if (!entry.is_regular_file()) continue;
+      const std::string name = fs::relative(entry.path(), dir_.path()).string();
+      result[name] = dir_.read(name);
+    }
+    return result;
+  }
+
+  TempDir dir_;
+};
+
+using Values = std::map<uint64_t, double>;
+
+TEST_F(RollupStoreTest, CreatesFilesAtTheirFirstSlot) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path())) << store.error();
+  ASSERT_TRUE(write(store, "60/check/a.nnt", {120, 180, 600})) << store.error();
+  EXPECT_TRUE(stored("60/check/a.nnt").empty()) << "a file appears with the commit, not before";
+  ASSERT_TRUE(store.commit()) << store.error();
+  EXPECT_EQ(stored("60/check/a.nnt"), (Values{{120, 120}, {180, 180}, {600, 600}}));
+  EXPECT_EQ(snapshot().size(), 1U) << "no working copy stays behind";
+  EXPECT_EQ(dir_.read("60/check/a.nnt").size(), 16U + 9 * 32);
+  EXPECT_EQ(store.files_created(), 1U);
+  EXPECT_EQ(store.records_written(), 3U);
+}
+
+TEST_F(RollupStoreTest, WritesBehindAndBetweenWhatIsThere) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  ASSERT_TRUE(write(store, "a.nnt", {120, 240}) && store.commit());
+  ASSERT_TRUE(write(store, "a.nnt", {180, 300}) && store.commit());
+  EXPECT_EQ(stored("a.nnt"), (Values{{120, 120}, {180, 180}, {240, 240}, {300, 300}}));
+}
+
+TEST_F(RollupStoreTest, MovesTheEpochBackForThePast) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  ASSERT_TRUE(write(store, "a.nnt", {600, 660}) && store.commit());
+  ASSERT_TRUE(write(store, "a.nnt", {0, 120, 660}) && store.commit()) << store.error();
+  EXPECT_EQ(stored("a.nnt"), (Values{{0, 0}, {120, 120}, {600, 600}, {660, 660}}));
+  EXPECT_EQ(snapshot().size(), 1U);
+}
+
+TEST_F(RollupStoreTest, CombinesASlotWithWhatIsStoredOnce) {
+  {
+    RollupStore store;
+    ASSERT_TRUE(store.open(dir_.path()));
+    ASSERT_TRUE(write(store, "a.nnt", {120}) && store.commit());
+  }
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  OpenSlot open = slot(240);
+  const std::vector<SlotWrite> writes = {{120, &open}};
+  for (int checkpoint = 0; checkpoint < 3; ++checkpoint) {
+    ASSERT_TRUE(store.write({"a.nnt", 60, 0, 1}, writes) && store.commit());
+    EXPECT_EQ(stored("a.nnt"), (Values{{120, 180}})) << "checkpoint " << checkpoint;  // (120 + 240) / 2
+  }
+}
+
+TEST_F(RollupStoreTest, ASlotOpenOverSeveralCheckpointsIsNotCombinedWithItself) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  OpenSlot open = slot(7);
+  const std::vector<SlotWrite> writes = {{120, &open}};
+  for (int checkpoint = 0; checkpoint < 3; ++checkpoint) {
+    for (const size_t owner : {size_t{0}, size_t{1}}) {
+      ASSERT_TRUE(store.write({"node" + std::to_string(owner) + "/a.nnt", 60, owner, 2}, writes));
+    }
+    ASSERT_TRUE(store.commit());
+  }
+  for (const char *file : {"node0/a.nnt", "node1/a.nnt"}) {
+    nnt_handle *handle = nnt_open(dir_.file(file).c_str(), nullptr);
+    ASSERT_NE(handle, nullptr);
+    nnt_multitype value{};
+    EXPECT_EQ(nnt_get(handle, 120, &value), 1);
+    EXPECT_EQ(value.count, 1U);
+    nnt_close(handle);
+  }
+}
+
+TEST_F(RollupStoreTest, ReplacesAndReportsADamagedRecord) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  ASSERT_TRUE(write(store, "a.nnt", {120, 180}) && store.commit());
+  std::string bytes = dir_.read("a.nnt");
+  bytes[16 + 32 + 9] ^= 1;
+  dir_.write("a.nnt", bytes);
+  ASSERT_TRUE(write(store, "a.nnt", {180}) && store.commit());
+  EXPECT_EQ(store.damaged_records(), 1U);
+  EXPECT_EQ(store.first_damaged(), dir_.file("a.nnt") + ": the record of second 180");
+  EXPECT_EQ(stored("a.nnt"), (Values{{120, 120}, {180, 180}}));
+}
+
+TEST_F(RollupStoreTest, RefusesFilesThatAreNoneOfItsOwn) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  dir_.write("short.nnt", "NNT1");
+  EXPECT_FALSE(write(store, "short.nnt", {120}));
+  EXPECT_EQ(store.error(), dir_.file("short.nnt") + ": could not read header");
+}
+
+TEST_F(RollupStoreTest, RefusesAFileOfAnotherPeriod) {
+  ASSERT_EQ(nnt_create(nullptr, dir_.file("a.nnt").c_str(), 300, 300, 0600), 0);
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  EXPECT_FALSE(write(store, "a.nnt", {300}));
+  EXPECT_EQ(store.error(),
+            dir_.file("a.nnt") + ": holds slots of 300 s instead of 60 s; move it away to go on");
+}
+
+TEST_F(RollupStoreTest, OneWriterAtATime) {
+  RollupStore first, second;
+  ASSERT_TRUE(first.open(dir_.path()));
+  EXPECT_FALSE(second.open(dir_.path()));
+  EXPECT_EQ(second.error(), dir_.path() + ": another process is writing into this data folder");
+}
+
+TEST_F(RollupStoreTest, SaysWhyAFolderCannotBeUsed) {
+  dir_.write("plain", "");
+  RollupStore store;
+  EXPECT_FALSE(store.open(dir_.file("plain")));
+  EXPECT_EQ(store.error(), dir_.file("plain") + ": cannot be used as a folder: Not a directory");
+}
+
+TEST_F(RollupStoreTest, TakesTheLongestPaths) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  std::string file;
+  for (int i = 0; i < 24; ++i) file += std::string(240, 'A') + "/";
+  file += "rest.nnt";
+  ASSERT_TRUE(write(store, file, {120}) && store.commit()) << store.error();
+  ASSERT_TRUE(write(store, file, {60, 180}) && store.commit()) << store.error();
+  std::map<uint64_t, OpenSlot> nothing;
+  OpenSlot probe = slot(0);
+  ASSERT_TRUE(store.write({file, 60, 0, 1}, std::vector<SlotWrite>{{120, &probe}}));
+  EXPECT_EQ(probe.stored_for(0).type, NNT_TYPE_DOUBLE);
+}
+
+// ---- what a failure leaves behind ----
+
+// Changes of every kind at once: a new file, one written in place, one whose epoch moves back.
+bool write_every_kind(RollupStore &store,
+                      bool (*write_file)(RollupStore &, const std::string &, const std::vector<uint64_t> &)) {
+  return write_file(store, "in_place.nnt", {660, 720, 1200}) && write_file(store, "new.nnt", {60, 120}) &&
+         write_file(store, "rewound.nnt", {0, 660}) && store.commit();
+}
+
+TEST_F(RollupStoreTest, AnyFailedCallLeavesTheFolderAsItWas) {
+  {
+    RollupStore store;
+    ASSERT_TRUE(store.open(dir_.path()));
+    ASSERT_TRUE(write(store, "in_place.nnt", {600, 660}) && write(store, "rewound.nnt", {600}) &&
+                store.commit());
+  }
+  const auto before = snapshot();
+  struct {
+    const char *name;
+    Fault *fault;
+    int error;
+    bool half;
+  } const cases[] = {{"pwrite", &pwrite_fault, ENOSPC, false},  {"pwrite", &pwrite_fault, EIO, false},
+                     {"half a pwrite", &pwrite_fault, 0, true}, {"syncfs", &syncfs_fault, EIO, false},
+                     {"rename", &rename_fault, EIO, false},     {"link", &link_fault, EMLINK, false}};
+  for (const auto &c : cases) {
+    bool succeeded = false;
+    int failures = 0;
+    for (int nth = 0; !succeeded; ++nth) {
+      SCOPED_TRACE(std::string(c.name) + " number " + std::to_string(nth));
+      ASSERT_LT(nth, 40) << "the call is never made often enough to succeed at last";
+      clear_faults();
+      *c.fault = {nth, c.error};
+      pwrite_writes_half = c.half;
+      RollupStore store;
+      ASSERT_TRUE(store.open(dir_.path()));
+      succeeded = write_every_kind(store, write);
+      const bool fault_was_hit = c.fault->calls_before < 0;
+      clear_faults();
+      if (succeeded) {
+        EXPECT_FALSE(fault_was_hit);
+        break;
+      }
+      ++failures;
+      EXPECT_NE(store.error(), "");
+      EXPECT_TRUE(store.roll_back()) << store.unrestored();
+      EXPECT_EQ(snapshot(), before);
+    }
+    EXPECT_GT(failures, 0);
+    // For the next case the folder is put back by hand.
+    for (const auto &[name, bytes] : snapshot()) fs::remove(dir_.file(name));
+    for (const auto &[name, bytes] : before) dir_.write(name, bytes);
+  }
+}
+
+TEST_F(RollupStoreTest, NamesTheFileAndTheReason) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  pwrite_fault = {0, ENOSPC};
+  EXPECT_FALSE(write(store, "a.nnt", {120}));
+  EXPECT_EQ(store.error(), dir_.file("a.nnt") + ": cannot be written: No space left on device");
+}
+
+TEST_F(RollupStoreTest, WhatIsNotCommittedIsTakenBackAtTheEnd) {
+  {
+    RollupStore store;
+    ASSERT_TRUE(store.open(dir_.path()));
+    ASSERT_TRUE(write(store, "a.nnt", {120}));
+  }
+  EXPECT_TRUE(snapshot().empty());
+}
+
+TEST_F(RollupStoreTest, CopiesLeftByAKilledProcessAreReplaced) {
+  dir_.write("a.nnt.new", "half a copy");
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  ASSERT_TRUE(write(store, "a.nnt", {120}) && store.commit()) << store.error();
+  EXPECT_EQ(stored("a.nnt"), (Values{{120, 120}}));
+}
+
+}  // namespace
