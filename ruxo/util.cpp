@@ -9,19 +9,42 @@
 #include <cerrno>
 #include <string>
 
+#include "ruxo/guard_private.h"
+
 const void *ruxo_memmem(const void *haystack, size_t len, const void *needle, size_t needle_len) {
   return memmem(haystack, len, needle, needle_len);
 }
 
-int mkdir_for_file(const char *path, mode_t mode) {
-  std::string prefix(path);
-  for (size_t slash = prefix.find('/', 1); slash != std::string::npos; slash = prefix.find('/', slash + 1)) {
-    prefix[slash] = '\0';
-    const int result = mkdir(prefix.c_str(), mode);
-    prefix[slash] = '/';
-    if (result != 0 && errno != EEXIST) return -1;
+namespace {
+
+bool is_folder(const char *path) {
+  struct stat found;
+  return stat(path, &found) == 0 && S_ISDIR(found.st_mode);
+}
+
+// Also when it is there already, made by someone else a moment ago for instance.
+int make_folder(const char *path, mode_t mode) {
+  if (mkdir(path, mode) == 0) return 0;
+  if (errno != EEXIST) return -1;
+  if (is_folder(path)) return 0;
+  errno = ENOTDIR;
+  return -1;
+}
+
+int make_parents(std::string path, mode_t mode) {
+  for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+    path[slash] = '\0';
+    if (make_folder(path.c_str(), mode) != 0) return -1;
+    path[slash] = '/';
   }
   return 0;
+}
+
+}  // namespace
+
+int mkdir_for_file(const char *path, mode_t mode) {
+  errno = ENOMEM;  // should the copy of the path fail
+  return ruxo::guarded(-1, [&] { return make_parents(path, mode); });
 }
 
 uint64_t ruxo_now_ms(void) {
