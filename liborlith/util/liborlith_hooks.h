@@ -15,8 +15,8 @@ RUXO_BEGIN_DECLS
  * NUL-terminated; both only for the duration of the call. `closure`: as it was registered. Answers:
  * RUXO_HOOK_CONTINUE, no opinion; RUXO_HOOK_DONE, accepted, though later filters still run; RUXO_HOOK_ABORT, refused,
  * at once. Any other value counts as no opinion. */
-typedef ruxo_hook_return_t (*metric_filter_hook_f)(void *closure, const char *id, const char *name, int name_len,
-                                                   int account_id);
+typedef ruxo_hook_return_t (*metric_filter_hook_f)(void *closure, const char *id, const char *name,
+                                                   int name_len, int account_id);
 
 /* One registered filter. Complete before it becomes reachable and never changed or freed after that. */
 typedef struct ruxo_hook_metric_filter_list {
