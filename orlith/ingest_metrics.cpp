@@ -1,0 +1,107 @@
+#include "orlith/ingest_metrics.h"
+
+#include <xxhash.h>
+
+#include <algorithm>
+#include <array>
+#include <random>
+#include <utility>
+
+#include "liborlith/util/metric_locator.h"
+#include "orlith/data_path.h"
+
+namespace {
+
+// Spellings are remembered to save work, not to be right: a stream that spells its names in ever new ways must
+// not fill the memory with them.
+constexpr size_t kMaxSpellings = 1000000;
+
+constexpr size_t kMaxNameBytes = 4095;
+constexpr size_t kUuidChars = 36;
+constexpr size_t kMaxPathForm = kUuidChars + 2 + (kMaxNameBytes + 2) / 3 * 4;
+
+uint64_t random_seed() {
+  std::random_device device;
+  return (uint64_t{device()} << 32) | device();
+}
+
+// The bytes that identify a metric within a stream of lines: the check and the name, with the TAB between them.
+std::string_view spelling(const mline_fields_t &fields) {
+  return {fields.check.text, static_cast<size_t>(fields.name.text - fields.check.text) + fields.name.len};
+}
+
+struct DerefLocator {
+  void operator()(orlith_metric_locator_t *locator) const { orlith_metric_locator_deref(locator); }
+};
+
+std::string key_of(const orlith_metric_locator_t *locator) {
+  std::string key(orlith_metric_locator_get_name_len_with_tags(locator) + kUuidChars + 2, '\0');
+  orlith_metric_locator_get_key(locator, key.data(), key.size());
+  key.pop_back();
+  return key;
+}
+
+}  // namespace
+
+size_t IngestMetrics::Hash::operator()(std::string_view bytes) const {
+  return XXH3_64bits_withSeed(bytes.data(), bytes.size(), seed);
+}
+
+IngestMetrics::IngestMetrics(MetricsConfig config)
+    : config_(std::move(config)),
+      numeric_(Hash{random_seed()}),
+      texts_(Hash{random_seed()}),
+      metrics_per_node_(config_.me.size()) {}
+
+Metric *IngestMetrics::find(const mline_fields_t &fields, int *code) {
+  const bool is_text = fields.type == ORLITH_METRIC_STRING;
+  Kind &kind = is_text ? texts_ : numeric_;
+  const auto known = kind.as_written.find(spelling(fields));
+  return known != kind.as_written.end() ? known->second : identify(fields, kind, is_text, code);
+}
+
+Metric *IngestMetrics::identify(const mline_fields_t &fields, Kind &kind, bool is_text, int *code) {
+  orlith_metric_locator_t *created = nullptr;
+  *code = mline_locator(&fields, &created);
+  if (*code != 1) return nullptr;
+  const std::unique_ptr<orlith_metric_locator_t, DerefLocator> locator(created);
+
+  std::unique_ptr<Metric> &metric = kind.canonical[key_of(created)];
+  if (metric == nullptr) metric = place(created, is_text);
+  if (kind.as_written.size() >= kMaxSpellings) kind.as_written.clear();
+  kind.as_written.emplace(spelling(fields), metric.get());
+  return metric.get();
+}
+
+std::unique_ptr<Metric> IngestMetrics::place(const orlith_metric_locator_t *locator, bool is_text) {
+  auto metric = std::make_unique<Metric>();
+  metric->key = key_of(locator);
+  metric->is_text = is_text;
+
+  std::array<host_config *, 10> owners{};
+  const int count = topo_find_insertion_point_config_locator(config_.topology, locator, owners.data(), 0);
+  for (int i = 0; i < count; ++i) {
+    const size_t node = static_cast<size_t>(owners[static_cast<size_t>(i)] - config_.topology->hc);
+    ++metrics_per_node_[node];
+    if (config_.me[node]) metric->my_owners.push_back(node);
+  }
+  std::sort(metric->my_owners.begin(), metric->my_owners.end());
+  if (is_text || metric->my_owners.empty()) return metric;
+
+  std::array<char, kMaxPathForm + 1> path{};
+  const size_t name_at =
+      static_cast<size_t>(orlith_metric_locator_b64_path(locator, path.data(), path.size()));
+  const std::string_view whole(path.data());
+  metric->file =
+      metric_file_path(whole.substr(0, kUuidChars), whole.size() > name_at ? whole.substr(name_at) : "");
+  metric->series.reserve(config_.periods_s.size());
+  for (const uint32_t period_s : config_.periods_s) metric->series.emplace_back(period_s);
+  return metric;
+}
+
+std::vector<const Metric *> IngestMetrics::texts() const {
+  std::vector<const Metric *> result;
+  for (const auto &[key, metric] : texts_.canonical) result.push_back(metric.get());
+  std::sort(result.begin(), result.end(), [](const Metric *a, const Metric *b) { return a->key < b->key; });
+  return result;
+}

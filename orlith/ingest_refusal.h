@@ -1,0 +1,51 @@
+// Why an input line is not taken: one list of reasons, and the checks that go beyond the line parser's own.
+#ifndef ORLITH_INGEST_REFUSAL_H
+#define ORLITH_INGEST_REFUSAL_H
+
+#include <optional>
+#include <string_view>
+
+#include "liborlith/orollupd/rollup.h"
+
+// Name (also the JSON form's), what is wrong with the line.
+#define INGEST_REFUSALS(X)                                                  \
+  X(not_an_m_line, "does not begin with M")                                 \
+  X(no_timestamp, "has no TAB before a timestamp")                          \
+  X(no_check, "ends after the timestamp: no TAB before a check")            \
+  X(no_name, "ends after the check: no TAB before a name")                  \
+  X(no_type, "ends after the name: no TAB before a type")                   \
+  X(no_value, "ends after the type: no TAB before a value")                 \
+  X(check_too_short, "the check field is shorter than a UUID")              \
+  X(check_not_uuid, "the check field does not end in a UUID")               \
+  X(name_refused, "the metric name is refused")                             \
+  X(unknown_type, "the type is none of n, i, I, l, L and s")                \
+  X(ignored_extension, "the name's extension is ignored")                   \
+  X(line_too_long, "is longer than 1 MiB")                                  \
+  X(nul_byte, "holds a NUL byte")                                           \
+  X(bad_timestamp, "the timestamp is not a number of seconds")              \
+  X(in_the_future, "lies further in the future than --future-bound allows") \
+  X(value_not_a_number, "the value is not a number (finite, decimal)")      \
+  X(value_out_of_range, "the value does not fit its type")
+
+enum class Refusal {
+#define INGEST_REFUSAL_ENUMERATOR(name, text) name,
+  INGEST_REFUSALS(INGEST_REFUSAL_ENUMERATOR)
+#undef INGEST_REFUSAL_ENUMERATOR
+};
+
+#define INGEST_REFUSAL_COUNT(name, text) +1
+constexpr size_t kRefusalCount = 0 INGEST_REFUSALS(INGEST_REFUSAL_COUNT);
+#undef INGEST_REFUSAL_COUNT
+
+const char *refusal_name(Refusal refusal);
+const char *refusal_text(Refusal refusal);
+
+// The reason behind a result of the line parser (0 or negative).
+Refusal refusal_of_code(int code);
+
+// The parser reads numbers as far as they go: "abc" is 0 and 5000000000 is cut to 32 bits. Data that cannot be
+// collected again must not be stored as something else, so such a sample is refused here.
+std::optional<Refusal> timestamp_fault(std::string_view timestamp);
+std::optional<Refusal> value_fault(char type, std::string_view value);
+
+#endif

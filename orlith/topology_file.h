@@ -1,0 +1,24 @@
+// Topologies as the commands read them: from a file, with the error told.
+#ifndef ORLITH_TOPOLOGY_FILE_H
+#define ORLITH_TOPOLOGY_FILE_H
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "liborlith/topo/topo.h"
+#include "orlith/session.h"
+
+struct FreeTopology {
+  void operator()(topo_config *topology) const { topo_free(topology); }
+};
+using Topology = std::unique_ptr<topo_config, FreeTopology>;
+
+// The compiled topology of a file. Null after an error message, with *code the exit code: not found, failed (the
+// file cannot be read) or refused.
+Topology load_topology(const std::string &path, int *code, Session &session);
+
+// The same for a document in memory; `name` stands before the message.
+Topology compile_topology(std::string_view document, std::string_view name, Session &session);
+
+#endif
