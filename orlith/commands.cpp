@@ -4,6 +4,7 @@
 // In the order of the help. A group stands where its first command stands.
 #define ORLITH_COMMANDS(X) \
   X(collect)               \
+  X(ingest)                \
   X(help)
 
 #define ORLITH_DECLARE(name) extern const Command name##_command;

@@ -218,7 +218,11 @@ void RollupStore::read_stored(const std::string &path, nnt_handle *handle, const
 
 bool RollupStore::commit() {
   if (changes_.empty()) return true;
-  if (!sync() || !rename_copies() || !sync()) return false;
+  // A copy must be on the disk before it takes its name; without copies one sync is enough.
+  const bool has_copies =
+      std::any_of(changes_.begin(), changes_.end(), [](const Undo &c) { return c.prepared_copy; });
+  if (has_copies && !(sync() && rename_copies())) return false;
+  if (!sync()) return false;
   forget_changes();
   return true;
 }

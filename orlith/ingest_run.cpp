@@ -1,0 +1,211 @@
+#include "orlith/ingest_run.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <utility>
+
+#include "orlith/signals.h"
+#include "pobe/pobe.h"
+
+namespace {
+
+constexpr uint64_t kLinesPerTick = 4096;
+constexpr size_t kExampleBytes = 200;
+constexpr uint64_t kLinesPerClockLook = 16;
+constexpr time_t kPipeCheckpointInterval_s = 15;
+
+time_t monotonic_s() {
+  struct timespec now {};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return now.tv_sec;
+}
+
+std::string_view view(const mline_view_t &field) {
+  return {field.text, field.len};
+}
+
+// What the canonicaliser says of a name that the locator refused; empty when the name is merely too long.
+std::string name_fault(std::string_view name) {
+  char canonical[4096];
+  const ssize_t code =
+      pobe_metric_canonicalize_ex(name.data(), name.size(), canonical, sizeof canonical, true, true, false);
+  if (code < 0) return pobe_error_text(code);
+  return code >= static_cast<ssize_t>(sizeof canonical) ? "longer than 4095 bytes in canonical form"
+                                                        : "a tag category is reserved for the system";
+}
+
+}  // namespace
+
+IngestRun::IngestRun(IngestOptions options)
+    : options_(std::move(options)), metrics_({options_.topology, options_.me, options_.periods_s}) {
+  totals_.samples_per_node.resize(options_.me.size());
+}
+
+bool IngestRun::open() {
+  if (store_.open(options_.data_folder)) return true;
+  error_ = store_.error();
+  return false;
+}
+
+IngestEnd IngestRun::run(LineReader &reader, const std::function<void()> &tick) {
+  InputLine line;
+  InputPosition taken;
+  while (!interrupted() && reader.next(&line)) {
+    take(line);
+    taken = line.position;
+    if (checkpoint_is_due(reader) && !checkpoint(taken)) return IngestEnd::store_failed;
+    if (totals_.lines % kLinesPerTick == 0) tick();
+  }
+  if (taken.file != nullptr && !checkpoint(taken)) return IngestEnd::store_failed;
+  if (!reader.error().empty()) {
+    error_ = reader.error();
+    return IngestEnd::input_failed;
+  }
+  return interrupted() ? IngestEnd::interrupted : IngestEnd::complete;
+}
+
+// Files are cut into checkpoints by the slots they open alone, so that the same input always gives the same files.
+// A pipe may go on for ever, slowly: what it brought is written every now and then.
+bool IngestRun::checkpoint_is_due(const LineReader &reader) {
+  if (open_slots_ >= slots_kept_open_ + options_.max_open_slots) return true;
+  if (reader.total_bytes() > 0 || totals_.lines % kLinesPerClockLook != 0) return false;
+  const time_t now_s = monotonic_s();
+  if (last_checkpoint_s_ == 0) last_checkpoint_s_ = now_s;
+  return now_s - last_checkpoint_s_ >= kPipeCheckpointInterval_s;
+}
+
+void IngestRun::take(const InputLine &line) {
+  ++totals_.lines;
+  if (line.too_long) return refuse(Refusal::line_too_long, line);
+  if (line.text.empty()) {
+    ++totals_.blank_lines;
+    return;
+  }
+  if (memchr(line.text.data(), '\0', line.text.size()) != nullptr) return refuse(Refusal::nul_byte, line);
+
+  mline_fields_t fields;
+  int code = mline_split(line.text.data(), line.text.size(), !options_.with_source, &fields);
+  if (code != 1) return refuse(refusal_of_code(code), line);
+  if (const auto fault = timestamp_fault(view(fields.timestamp))) return refuse(*fault, line);
+  if (fields.whence_ms > options_.latest_ms) return refuse(Refusal::in_the_future, line);
+  if (const auto fault = value_fault(static_cast<char>(fields.type), view(fields.value)))
+    return refuse(*fault, line);
+
+  Metric *metric = metrics_.find(fields, &code);
+  if (metric == nullptr) return refuse(refusal_of_code(code), line, &fields);
+  if (metric->is_text) {
+    take_text(*metric, fields);
+  } else {
+    take_number(*metric, fields, line);
+  }
+}
+
+// A text has no place in a slot: the latest one of each metric is kept for the summary.
+void IngestRun::take_text(Metric &metric, const mline_fields_t &fields) {
+  if (view(fields.value) == "[[null]]") {
+    ++totals_.null_samples;
+    return;
+  }
+  ++totals_.text_samples;
+  if (fields.whence_ms < metric.text_whence_ms) return;
+  metric.text_whence_ms = fields.whence_ms;
+  metric.text = view(fields.value);
+}
+
+void IngestRun::take_number(Metric &metric, const mline_fields_t &fields, const InputLine &line) {
+  metric_value_t sample;
+  const int code = mline_value(&fields, &sample);
+  if (code != 1) return refuse(refusal_of_code(code), line);
+  if (sample.is_null) {
+    ++totals_.null_samples;
+    return;
+  }
+  if (sample.type == ORLITH_METRIC_DOUBLE && !std::isfinite(sample.storage.v_double)) {
+    return refuse(Refusal::value_out_of_range, line);
+  }
+  ++totals_.samples;
+  if (metric.my_owners.empty()) {
+    ++totals_.foreign_samples;
+    return;
+  }
+  fold(metric, sample);
+}
+
+void IngestRun::fold(Metric &metric, const metric_value_t &sample) {
+  for (SlotSeries &series : metric.series) open_slots_ += series.fold(sample) ? 1 : 0;
+  for (const size_t node : metric.my_owners) ++totals_.samples_per_node[node];
+  totals_.first_ms = std::min(totals_.first_ms, sample.whence_ms);
+  totals_.last_ms = std::max(totals_.last_ms, sample.whence_ms);
+  if (metric.dirty) return;
+  metric.dirty = true;
+  dirty_.push_back(&metric);
+}
+
+void IngestRun::refuse(Refusal refusal, const InputLine &line, const mline_fields_t *fields) {
+  ++totals_.refused;
+  RefusalCount &entry = totals_.refusals[static_cast<size_t>(refusal)];
+  if (entry.count++ > 0) return;
+  entry.first_file = *line.position.file;
+  entry.first_line = line.position.line;
+  entry.first_text = line.text.substr(0, kExampleBytes);
+  if (refusal == Refusal::name_refused) entry.detail = name_fault(view(fields->name));
+}
+
+bool IngestRun::checkpoint(const InputPosition &position) {
+  for (Metric *metric : dirty_) {
+    if (write_metric(*metric)) continue;
+    error_ = store_.error();
+    store_.roll_back();
+    return false;
+  }
+  if (!store_.commit()) {
+    error_ = store_.error();
+    store_.roll_back();
+    return false;
+  }
+  close_slots();
+  slots_kept_open_ = open_slots_;
+  last_checkpoint_s_ = monotonic_s();
+  stored_up_to_ = position;
+  ++totals_.checkpoints;
+  return true;
+}
+
+bool IngestRun::write_metric(Metric &metric) {
+  for (SlotSeries &series : metric.series) {
+    if (!write_series(metric, series)) return false;
+  }
+  return true;
+}
+
+bool IngestRun::write_series(Metric &metric, SlotSeries &series) {
+  std::vector<SlotWrite> writes;
+  for (auto &[start_s, slot] : series.slots()) {
+    if (slot.dirty) writes.push_back({start_s, &slot});
+  }
+  if (writes.empty()) return true;
+  const std::string below_node = std::to_string(series.period_s()) + "/" + metric.file;
+  for (size_t i = 0; i < metric.my_owners.size(); ++i) {
+    const char *node = options_.topology->hc[metric.my_owners[i]].id_str;
+    const SlotFile file = {options_.folder_per_node ? std::string(node) + "/" + below_node : below_node,
+                           series.period_s(), i, metric.my_owners.size()};
+    if (!store_.write(file, writes)) return false;
+  }
+  return true;
+}
+
+void IngestRun::close_slots() {
+  for (Metric *metric : dirty_) {
+    for (SlotSeries &series : metric->series) {
+      open_slots_ -= series.close_all_but_newest();
+      series.slots().rbegin()->second.dirty = false;
+    }
+    if (!metric->has_files) totals_.files += metric->series.size() * metric->my_owners.size();
+    metric->has_files = true;
+    metric->dirty = false;
+  }
+  dirty_.clear();
+}
