@@ -225,7 +225,8 @@ RUXO_EXPORT int topo_size(topo_config *tc); /* number of nodes */
 RUXO_EXPORT int topo_n(topo_config *tc);    /* number of copies */
 RUXO_EXPORT int topo_w(topo_config *tc);    /* the same */
 RUXO_EXPORT ruxo_boolean topo_sided(topo_config *tc);
-/* The side of a node; BOTH when it is not there. With `tc` null: of this node itself, or else in the active topology. */
+/* The side of a node; BOTH when it is not there. With `tc` null: of this node itself, or else in the active
+ * topology. */
 RUXO_EXPORT topo_host_ringside_t topo_side(topo_config *tc, unsigned char *id);
 /* All nodes in document order; `loc` may be null. Returns their number. */
 RUXO_EXPORT int topo_get_all_nodes(topo_config *tc, host_config **loc);

@@ -108,8 +108,8 @@ struct TopoRingTables {
   size_t size;  // number of points
 };
 
-// Builds the tables from each node's points, whose locations `hash_points` writes before they move to a side. Of points with
-// equal locations only the first in document order is kept. Throws std::bad_alloc.
+// Builds the tables from each node's points, whose locations `hash_points` writes before they move to a side. Of
+// points with equal locations only the first in document order is kept. Throws std::bad_alloc.
 using TopoHashPoints = void (*)(const char *id_str, uint32_t first, uint32_t count, uint8_t *locations);
 TopoRingTables topo_build_ring_tables(host_config *hosts, size_t host_count, TopoHashPoints hash_points);
 

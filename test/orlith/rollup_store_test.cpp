@@ -236,7 +236,7 @@ TEST_F(RollupStoreTest, SaysWhyAFolderCannotBeUsed) {
   dir_.write("plain", "");
   RollupStore store;
   EXPECT_FALSE(store.open(dir_.file("plain")));
-  EXPECT_EQ(store.error(), dir_.file("plain") + ": cannot be used as a folder: Not a directory");
+  EXPECT_EQ(store.error(), dir_.file("plain") + ": cannot be created: Not a directory");
 }
 
 TEST_F(RollupStoreTest, TakesTheLongestPaths) {
