@@ -34,10 +34,24 @@ void read_raw(nnt_handle_readfast *rf, uint64_t whence, int cnt) {
   free(raw.new_hdr);
 }
 
+// A range gives what its slots give one by one, as long as the timestamps do not end.
+void read_range(nnt_handle_readfast *rf, uint64_t whence) {
+  constexpr int kCount = 5;
+  nnt_multitype values[kCount] = {};
+  require(nnt_get_fast_range(rf, whence, kCount, values) == kCount);
+  if (whence > UINT64_MAX - uint64_t{kCount} * rf->hdr.period) return;
+  for (int i = 0; i < kCount; ++i) {
+    nnt_multitype v{};
+    nnt_get_fast(rf, whence + static_cast<uint64_t>(i) * rf->hdr.period, &v);
+    require(memcmp(&values[i], &v, sizeof(v)) == 0);
+  }
+}
+
 void read_around(nnt_handle_readfast *rf, uint64_t whence, int cnt) {
   for (const uint64_t t :
        {whence - 1, whence, whence + 1, whence + rf->hdr.period, whence - rf->hdr.period}) {
     read_slot(rf, t);
+    read_range(rf, t);
     for (const int count : {cnt, 0, 1, -1, INT_MAX, INT_MIN}) read_raw(rf, t, count);
   }
 }

@@ -212,6 +212,13 @@ RUXO_EXPORT void nnt_handle_readfast_munmap(nnt_handle_readfast *rf) RUXO_NOEXCE
  * whose period is 0; -1 when `rf` is null. */
 RUXO_EXPORT int nnt_get_fast(nnt_handle_readfast *rf, uint64_t whence, nnt_multitype *v) RUXO_NOEXCEPT;
 
+/* Reads `cnt` consecutive slots from that of `whence` on into v[0] to v[cnt-1], each as nnt_get_fast does with a
+ * timestamp one period later than the last; timestamps past the end of uint64_t are outside the image. Returns cnt
+ * (as it is when below 1), also when some records are damaged: their slots are all zero, so absent. -1 when `rf` is
+ * null. */
+RUXO_EXPORT int nnt_get_fast_range(nnt_handle_readfast *rf, uint64_t whence, int cnt,
+                                   nnt_multitype *v) RUXO_NOEXCEPT;
+
 /* The view's epoch, in *whence. 0; -1 when `rf` is null. */
 RUXO_EXPORT int nnt_get_fast_epoch(nnt_handle_readfast *rf, uint64_t *whence) RUXO_NOEXCEPT;
 

@@ -88,6 +88,9 @@ RUXO_EXPORT int nnt_v1_merge(nnt_handle *dst, nnt_handle *src, const char **erro
 RUXO_EXPORT void nnt_v1_init_readfast(nnt_handle_readfast *rf, nnt_handle *h) RUXO_NOEXCEPT;
 RUXO_EXPORT void nnt_v1_uninit_readfast(nnt_handle_readfast *rf) RUXO_NOEXCEPT;
 RUXO_EXPORT int nnt_v1_get_readfast(nnt_handle_readfast *rf, uint64_t whence, nnt_multitype *v) RUXO_NOEXCEPT;
+/* What nnt_get_fast_range does for this version; it has no place in the table. */
+RUXO_EXPORT int nnt_v1_get_readfast_range(nnt_handle_readfast *rf, uint64_t whence, int cnt,
+                                          nnt_multitype *v) RUXO_NOEXCEPT;
 RUXO_EXPORT int nnt_v1_get_readfast_apocalypse(nnt_handle_readfast *rf, uint64_t *whence) RUXO_NOEXCEPT;
 RUXO_EXPORT int nnt_v1_delete_range(nnt_handle *h, nnt_handle *h2, uint64_t end) RUXO_NOEXCEPT;
 RUXO_EXPORT int nnt_v1_get_apocalypse(nnt_handle *h, uint64_t *whence) RUXO_NOEXCEPT;

@@ -1,7 +1,4 @@
 // Reading and writing the slots of a version 1 file through its descriptor.
-#include <array>
-#include <limits>
-
 #include "liborlith/nnt/nnt_io_private.h"
 #include "liborlith/nnt/nnt_v1.h"
 #include "liborlith/nnt/nnt_v1_private.h"
@@ -37,13 +34,6 @@ class RecordBuffer {
   char *bytes_;
 };
 
-// How many of the values from `whence` on, one period apart, lie before the epoch.
-uint64_t values_before_epoch(const nnt_hdr &hdr, uint64_t whence) noexcept {
-  if (whence >= hdr.epoch) return 0;
-  const uint64_t gap = hdr.epoch - whence;
-  return gap / hdr.period + (gap % hdr.period != 0 ? 1 : 0);
-}
-
 // Fills `records` from `v`; false when a value is refused.
 bool encode_range(const nnt_multitype *v, size_t count, char *records) noexcept {
   for (size_t i = 0; i < count; ++i) {
@@ -60,9 +50,9 @@ int records_written(int64_t bytes) noexcept {
 }
 
 int put_one(int fd, const nnt_multitype &v, int64_t offset) noexcept {
-  nnt_v1::Words record;
-  if (nnt_v1::encode(v, &record) != 0) return -1;
-  return records_written(nnt_io::write_records_at(fd, &record, sizeof(record), offset));
+  char record[kRecordSize];
+  if (nnt_v1::encode(v, record) != 0) return -1;
+  return records_written(nnt_io::write_records_at(fd, record, sizeof(record), offset));
 }
 
 int put_many(int fd, const nnt_multitype *v, size_t count, int64_t offset) noexcept {
@@ -131,11 +121,11 @@ int nnt_v1_get(nnt_handle *h, uint64_t whence, nnt_multitype *v) noexcept {
   if (whence < h->hdr.epoch) return absent();
   const auto offset = nnt_v1::offset_of(nnt_v1::slot_of(h->hdr, whence), 1);
   if (!offset) return absent();  // no file reaches that far
-  nnt_v1::Words record;
-  const int64_t got = nnt_io::read_at(h->fd, &record, sizeof(record), *offset);
+  char record[kRecordSize];
+  const int64_t got = nnt_io::read_at(h->fd, record, sizeof(record), *offset);
   if (got == 0) return absent();
   if (got != static_cast<int64_t>(sizeof(record))) return -1;
-  return nnt_v1::decode(record, v) == 0 ? 1 : -1;
+  return nnt_v1::decode(nnt_v1::load(record), v) == 0 ? 1 : -1;
 }
 
 int nnt_v1_get_range(nnt_handle *h, uint64_t whence, int cnt, nnt_multitype *v) noexcept {
@@ -159,7 +149,7 @@ int nnt_v1_put(nnt_handle *h, uint64_t whence, const nnt_multitype *v) noexcept 
 
 int nnt_v1_put_range(nnt_handle *h, uint64_t whence, int icnt, const nnt_multitype *v) noexcept {
   if (icnt < 1) return 0;
-  const uint64_t skipped = values_before_epoch(h->hdr, whence);
+  const uint64_t skipped = nnt_v1::values_before_epoch(h->hdr, whence);
   if (skipped >= static_cast<uint64_t>(icnt)) return 0;
   const size_t count = static_cast<size_t>(icnt) - static_cast<size_t>(skipped);
   const uint64_t first = whence + skipped * h->hdr.period;

@@ -29,6 +29,13 @@ inline uint64_t slot_of(const nnt_hdr &hdr, uint64_t whence) noexcept {
   return whence / hdr.period - hdr.epoch / hdr.period;
 }
 
+// How many of the timestamps from `whence` on, one period apart, lie before the epoch. The period must not be 0.
+inline uint64_t values_before_epoch(const nnt_hdr &hdr, uint64_t whence) noexcept {
+  if (whence >= hdr.epoch) return 0;
+  const uint64_t gap = hdr.epoch - whence;
+  return gap / hdr.period + (gap % hdr.period != 0 ? 1 : 0);
+}
+
 // The file offset of `count` records from `slot` on; nothing when they would end past the largest file there can be.
 inline std::optional<int64_t> offset_of(uint64_t slot, uint64_t count) noexcept {
   constexpr uint64_t kMaxSlots =
@@ -42,19 +49,35 @@ inline uint64_t records_in(uint64_t size_bytes) noexcept {
   return size_bytes < kStart ? 0 : (size_bytes - kStart) / kRecordSize;
 }
 
-// A record as four words. The XOR of all bytes is the XOR of the words, folded.
+inline uint64_t load_word(const void *from, size_t offset_bytes) noexcept {
+  uint64_t word;
+  memcpy(&word, static_cast<const char *>(from) + offset_bytes, sizeof(word));
+  return word;
+}
+
+inline void store_word(void *to, size_t offset_bytes, uint64_t word) noexcept {
+  memcpy(static_cast<char *>(to) + offset_bytes, &word, sizeof(word));
+}
+
+// A record as four words. The XOR of all bytes is the XOR of the words, folded. Words are loaded and stored one by
+// one: a record put together in memory and then moved as a whole would wait for its own stores.
 struct Words {
-  uint64_t word[4];
+  uint64_t head, value, derivative, counter;
 };
 
 inline Words load(const void *record) noexcept {
-  Words w;
-  memcpy(&w, record, sizeof(w));
-  return w;
+  return {load_word(record, 0), load_word(record, 8), load_word(record, 16), load_word(record, 24)};
+}
+
+inline void store(void *record, const Words &w) noexcept {
+  store_word(record, 0, w.head);
+  store_word(record, 8, w.value);
+  store_word(record, 16, w.derivative);
+  store_word(record, 24, w.counter);
 }
 
 inline uint64_t folded_xor(const Words &w) noexcept {
-  uint64_t x = w.word[0] ^ w.word[1] ^ w.word[2] ^ w.word[3];
+  uint64_t x = w.head ^ w.value ^ w.derivative ^ w.counter;
   x ^= x >> 32;
   x ^= x >> 16;
   x ^= x >> 8;
@@ -65,54 +88,56 @@ inline uint64_t folded_xor(const Words &w) noexcept {
 inline constexpr uint64_t kValueMask[8] = {
     0, 0, 0xffffffff, 0xffffffff, ~uint64_t{0}, ~uint64_t{0}, ~uint64_t{0}, 0};
 
-// What v1_encode does, into words. The rates lie in *v as they do in a record, so they are copied in pairs.
-inline int encode(const nnt_multitype &v, void *record) noexcept {
-  static_assert(offsetof(nnt_multitype, derivative_stddev) == offsetof(nnt_multitype, derivative) + 4);
-  static_assert(offsetof(nnt_multitype, counter_stddev) == offsetof(nnt_multitype, counter) + 4);
-  const uint32_t type = v.type;
-  if (type == NNT_TYPE_ABSENT || type == NNT_TYPE_STRING) {
-    memset(record, 0, kRecordSize);
-    return -1;
-  }
-  const uint32_t stored_type = type > NNT_V1_TYPE_MASK ? 0 : type;
-  const bool has_stddev = v.stddev_present != 0;
-  const uint64_t typeinfo = stored_type | (has_stddev ? 0u : NNT_V1_NO_STDDEV);
-  const uint64_t count = v.count < 65535 ? v.count : 65535;
-  const uint64_t stddev = has_stddev ? std::bit_cast<uint32_t>(v.stddev) : 0;
+// The rates lie in a value as they do in a record, so they are copied in pairs.
+static_assert(offsetof(nnt_multitype, derivative_stddev) == offsetof(nnt_multitype, derivative) + 4);
+static_assert(offsetof(nnt_multitype, counter_stddev) == offsetof(nnt_multitype, counter) + 4);
 
-  const char *bytes = reinterpret_cast<const char *>(&v);
-  Words w;
-  w.word[0] = typeinfo << 8 | count << 16 | stddev << 32;
-  memcpy(&w.word[1], &v.value, 8);
-  w.word[1] &= kValueMask[stored_type];
-  memcpy(&w.word[2], bytes + offsetof(nnt_multitype, derivative), 8);
-  memcpy(&w.word[3], bytes + offsetof(nnt_multitype, counter), 8);
-  w.word[0] |= folded_xor(w);
-  memcpy(record, &w, sizeof(w));
-  return 0;
+// The record of a value that is stored with type bits `type`.
+inline void encode_as(uint32_t type, const nnt_multitype &v, void *record) noexcept {
+  const uint64_t lacks_stddev = v.stddev_present == 0 ? 1 : 0;
+  const uint64_t typeinfo = type | lacks_stddev * NNT_V1_NO_STDDEV;
+  const uint64_t count = v.count < 65535 ? v.count : 65535;
+  const uint64_t stddev = std::bit_cast<uint32_t>(v.stddev) & (lacks_stddev - 1);
+  Words w{typeinfo << 8 | count << 16 | stddev << 32,
+          load_word(&v, offsetof(nnt_multitype, value)) & kValueMask[type],
+          load_word(&v, offsetof(nnt_multitype, derivative)),
+          load_word(&v, offsetof(nnt_multitype, counter))};
+  w.head |= folded_xor(w);
+  store(record, w);
 }
 
-// What v1_decode does, from words.
+// What v1_encode does.
+inline int encode(const nnt_multitype &v, void *record) noexcept {
+  const uint32_t type = v.type;
+  if (type - NNT_TYPE_NULL <= NNT_TYPE_DOUBLE - NNT_TYPE_NULL) {
+    encode_as(type, v, record);
+    return 0;
+  }
+  if (type > NNT_V1_TYPE_MASK) {
+    encode_as(0, v, record);
+    return 0;
+  }
+  store(record, Words{});
+  return -1;
+}
+
+// What v1_decode does.
 inline int decode(const Words &w, nnt_multitype *v) noexcept {
   if (folded_xor(w) != 0) return -1;
-  const uint32_t type = static_cast<uint32_t>(w.word[0] >> 8) & NNT_V1_TYPE_MASK;
+  const uint32_t type = static_cast<uint32_t>(w.head >> 8) & NNT_V1_TYPE_MASK;
   if (type == NNT_TYPE_ABSENT) {
-    if ((w.word[0] | w.word[1] | w.word[2] | w.word[3]) != 0) return -1;
+    if ((w.head | w.value | w.derivative | w.counter) != 0) return -1;
     v->type = NNT_TYPE_ABSENT;
     return 0;
   }
-  const bool has_stddev = (w.word[0] >> 8 & NNT_V1_NO_STDDEV) == 0;
-  v->count = static_cast<uint16_t>(w.word[0] >> 16);
+  const bool has_stddev = (w.head >> 8 & NNT_V1_NO_STDDEV) == 0;
+  v->count = static_cast<uint16_t>(w.head >> 16);
   v->stddev_present = has_stddev;
-  if (has_stddev) v->stddev = std::bit_cast<float>(static_cast<uint32_t>(w.word[0] >> 32));
-  char *bytes = reinterpret_cast<char *>(v);
-  memcpy(bytes + offsetof(nnt_multitype, derivative), &w.word[2], 8);
-  memcpy(bytes + offsetof(nnt_multitype, counter), &w.word[3], 8);
+  if (has_stddev) v->stddev = std::bit_cast<float>(static_cast<uint32_t>(w.head >> 32));
+  store_word(v, offsetof(nnt_multitype, derivative), w.derivative);
+  store_word(v, offsetof(nnt_multitype, counter), w.counter);
   if (type == NNT_TYPE_STRING) return -1;
-  if (type != NNT_TYPE_NULL) {
-    const uint64_t value = w.word[1] & kValueMask[type];
-    memcpy(&v->value, &value, 8);
-  }
+  if (type != NNT_TYPE_NULL) store_word(v, offsetof(nnt_multitype, value), w.value & kValueMask[type]);
   v->type = static_cast<nnt_type_t>(type);
   return 0;
 }

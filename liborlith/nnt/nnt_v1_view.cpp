@@ -24,6 +24,34 @@ const char *record_at(const nnt_handle_readfast *rf, uint64_t slot) noexcept {
   return static_cast<const char *>(rf->addr) + kStart + slot * kRecordSize;
 }
 
+// Reads a record of the image. The bytes are loaded once: they may be changing.
+int read_record(const char *record, nnt_multitype *v) noexcept {
+  return nnt_v1::decode(nnt_v1::load(record), v) == 0 ? 1 : cleared(v, -1);
+}
+
+void clear_all(nnt_multitype *v, uint64_t count) noexcept {
+  memset(v, 0, count * sizeof(*v));
+}
+
+// Of `count` timestamps: how many lie before the epoch, and how many after those have a record, from which slot on.
+struct Run {
+  uint64_t before, first_slot, slots;
+};
+
+Run run_in_image(const nnt_handle_readfast *rf, uint64_t whence, uint64_t count) noexcept {
+  const uint64_t period = rf->hdr.period;
+  if (period == 0) return {0, 0, 0};
+  const uint64_t before = std::min(count, nnt_v1::values_before_epoch(rf->hdr, whence));
+  uint64_t first = 0;
+  if (before == count || __builtin_add_overflow(whence, before * period, &first)) return {before, 0, 0};
+  const uint64_t slot = nnt_v1::slot_of(rf->hdr, first);
+  const uint64_t held = nnt_v1::records_in(rf->len);
+  if (slot >= held) return {before, 0, 0};
+  const uint64_t timestamps_after_first = (std::numeric_limits<uint64_t>::max() - first) / period;
+  const uint64_t wanted = std::min(count - before - 1, timestamps_after_first) + 1;
+  return {before, slot, std::min(wanted, held - slot)};
+}
+
 // Whole records from `start` on, at most `cnt`. `start` is not before the epoch and the period is not 0.
 uint64_t raw_records_from(const nnt_handle_readfast *rf, uint64_t start_slot, int cnt) noexcept {
   const uint64_t held = nnt_v1::records_in(rf->len);
@@ -38,7 +66,21 @@ int nnt_v1_get_readfast(nnt_handle_readfast *rf, uint64_t whence, nnt_multitype 
   if (rf->hdr.period == 0) return cleared(v, -1);
   const uint64_t slot = nnt_v1::slot_of(rf->hdr, whence);
   if (slot >= nnt_v1::records_in(rf->len)) return cleared(v, 1);
-  return nnt_v1::decode(nnt_v1::load(record_at(rf, slot)), v) == 0 ? 1 : cleared(v, -1);
+  return read_record(record_at(rf, slot), v);
+}
+
+int nnt_v1_get_readfast_range(nnt_handle_readfast *rf, uint64_t whence, int cnt, nnt_multitype *v) noexcept {
+  if (cnt < 1) return cnt;
+  const uint64_t count = static_cast<uint64_t>(cnt);
+  const Run run = run_in_image(rf, whence, count);
+  clear_all(v, run.before);
+  v += run.before;
+  if (run.slots > 0) {
+    const char *records = record_at(rf, run.first_slot);
+    for (uint64_t i = 0; i < run.slots; ++i) read_record(records + i * kRecordSize, &v[i]);
+  }
+  clear_all(v + run.slots, count - run.before - run.slots);
+  return cnt;
 }
 
 int nnt_v1_get_readfast_apocalypse(nnt_handle_readfast *rf, uint64_t *whence) noexcept {

@@ -77,6 +77,20 @@ int nnt_get_fast(nnt_handle_readfast *rf, uint64_t whence, nnt_multitype *v) noe
   return rf != nullptr ? rf->opset->getfast(rf, whence, v) : -1;
 }
 
+int nnt_get_fast_range(nnt_handle_readfast *rf, uint64_t whence, int cnt, nnt_multitype *v) noexcept {
+  if (rf == nullptr) return -1;
+  if (rf->opset == &nnt_v1_opset) return nnt_v1_get_readfast_range(rf, whence, cnt, v);
+  // Another table has no range read: slot by slot, until the timestamps end.
+  uint64_t t = whence;
+  bool ended = false;
+  for (int i = 0; i < cnt; ++i) {
+    memset(&v[i], 0, sizeof(v[i]));
+    if (!ended) rf->opset->getfast(rf, t, &v[i]);
+    ended = ended || __builtin_add_overflow(t, rf->hdr.period, &t);
+  }
+  return cnt;
+}
+
 int nnt_get_fast_epoch(nnt_handle_readfast *rf, uint64_t *whence) noexcept {
   if (rf == nullptr) return -1;
   *whence = rf->hdr.epoch;

@@ -151,6 +151,70 @@ TEST(NntGetFast, AnUnalignedEpochCountsPeriodsFromItsOwn) {
   expect_cleared(rf, 6029, 1);
 }
 
+// ---- ranges ----
+
+namespace {
+
+// Slot by slot, until the timestamps end.
+std::vector<nnt_multitype> slots_one_by_one(const View &rf, uint64_t whence, int cnt) {
+  std::vector<nnt_multitype> values(static_cast<size_t>(cnt), nnt_multitype{});
+  bool ended = false;
+  for (nnt_multitype &v : values) {
+    if (!ended) nnt_get_fast(rf.get(), whence, &v);
+    ended = ended || whence > UINT64_MAX - rf->hdr.period;
+    whence += rf->hdr.period;
+  }
+  return values;
+}
+
+void expect_same_range(const View &rf, uint64_t whence, int cnt) {
+  SCOPED_TRACE(testing::Message() << "from " << whence << ", " << cnt << " slots");
+  std::vector<nnt_multitype> values(static_cast<size_t>(cnt), nnt_multitype{});
+  ASSERT_EQ(nnt_get_fast_range(rf.get(), whence, cnt, values.data()), cnt);
+  const std::vector<nnt_multitype> expected = slots_one_by_one(rf, whence, cnt);
+  for (size_t i = 0; i < values.size(); ++i)
+    ASSERT_EQ(memcmp(&values[i], &expected[i], sizeof(values[i])), 0) << "slot " << i;
+}
+
+}  // namespace
+
+TEST(NntGetFastRange, IsTheSameAsSlotBySlot) {
+  std::string damaged = three_records();
+  damaged[32 + 9] = 'x';
+  const std::string images[] = {
+      header(60, kEpoch) + three_records(),
+      header(60, kEpoch) + damaged + absent_records(2) + record_of(uint64_value(9)),
+      header(60, kEpoch),
+      header(60, kEpoch) + three_records() + "ragged",
+      header(60, 6030) + three_records(),
+      header(1, 0) + three_records(),
+      header(0, kEpoch) + three_records(),
+      header(1, UINT64_MAX - 1) + three_records(),
+      header(60, UINT64_MAX - 1) + three_records(),
+      header(0xffffffff, 5) + three_records(),
+  };
+  const nnt_opset other_table = nnt_v1_opset;
+  for (const std::string &image : images) {
+    View rf = view_of(image);
+    for (const bool known_table : {true, false}) {
+      rf->opset = known_table ? &nnt_v1_opset : &other_table;
+      for (const uint64_t whence :
+           {UINT64_C(0), UINT64_C(1), kEpoch - 121, kEpoch - 60, kEpoch - 1, kEpoch, kEpoch + 59, kEpoch + 60,
+            kEpoch + 119, kEpoch + 180, UINT64_C(1) << 59, UINT64_MAX - 61, UINT64_MAX - 1, UINT64_MAX})
+        for (const int cnt : {1, 2, 3, 4, 300}) expect_same_range(rf, whence, cnt);
+    }
+  }
+}
+
+TEST(NntGetFastRange, WithoutACountItIsHandedBack) {
+  View rf = view_of(header(60, kEpoch) + three_records());
+  nnt_multitype v = filler();
+  for (const int none : {0, -1, INT_MIN}) EXPECT_EQ(nnt_get_fast_range(rf.get(), kEpoch, none, &v), none);
+  EXPECT_EQ(nnt_get_fast_range(nullptr, kEpoch, 1, &v), -1);
+  const nnt_multitype untouched = filler();
+  EXPECT_EQ(memcmp(&v, &untouched, sizeof(v)), 0);
+}
+
 // ---- apocalypse ----
 
 TEST(NntGetFastApocalypse, IsTheEpochAndThePeriodsOfTheRecords) {
