@@ -36,7 +36,7 @@
 // at most a one-letter short form. The global options are added by the table and read from session.settings.
 // The examples are run by a test, through sh, in a folder that holds cluster.xml (a topology of four nodes),
 // cpu.nnt (a day of 300-second slots), damaged.nnt and lines.txt (M lines); each must end with exit_fine
-// unless its text begins with "exits N: ".
+// unless it says otherwise itself (|| test $? = 2).
 #ifndef ORLITH_CLI_H
 #define ORLITH_CLI_H
 

@@ -5,6 +5,10 @@
 #define ORLITH_COMMANDS(X) \
   X(collect)               \
   X(ingest)                \
+  X(nnt_info)              \
+  X(nnt_dump)              \
+  X(nnt_plot)              \
+  X(nnt_verify)            \
   X(help)
 
 #define ORLITH_DECLARE(name) extern const Command name##_command;

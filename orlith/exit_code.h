@@ -12,4 +12,13 @@ enum ExitCode : int {
   exit_interrupted = 130,  // stopped by SIGINT or SIGTERM, everything complete up to there
 };
 
+// Of the codes of several files, the one to end with. What could not be looked at outweighs what is not there, and
+// both outweigh damage: whoever checks wants to know first that the check was not complete.
+inline int worse_exit(int a, int b) {
+  const auto rank = [](int code) {
+    return code == exit_failed ? 3 : code == exit_not_found ? 2 : code == exit_damaged ? 1 : 0;
+  };
+  return rank(b) > rank(a) ? b : a;
+}
+
 #endif

@@ -77,6 +77,28 @@ TEST(Table, ColoursCellsOnlyWhenAsked) {
   EXPECT_EQ(table.text(tool.session), "state\n\033[31mdamaged\033[0m\n");
 }
 
+TEST(Table, ShowsOutsideTextThatTheLocaleCannotReadAsBytes) {
+  // The tests run in the C locale, where a two-byte character is nothing.
+  ToolSession tool;
+  Table table({Column{"k", "k"}, Column{"v", "v"}});
+  table.add("Z\u00fcrich", 1);
+  EXPECT_EQ(table.text(tool.session), "k             v\nZ\\xc3\\xbcrich 1\n");
+}
+
+TEST(Table, WithoutRowsIsItsHeading) {
+  ToolSession tool;
+  const Table table({Column{"k", "key"}, Column{"v", "value", Align::right, 8}});
+  EXPECT_EQ(table.text(tool.session), "key    value\n");
+  EXPECT_EQ(table.text(tool.session, false), "");
+}
+
+TEST(Table, IsNotSqueezedWhereThereIsNoTerminal) {
+  ToolSession tool;
+  Table table({Column{"a", "a"}, Column{"b", "b"}});
+  table.add(std::string(200, 'x'), std::string(200, 'y'));
+  EXPECT_EQ(table.text(tool.session).size(), 2 * 401u + 1 - 198);
+}
+
 TEST(Table, BreaksAWrappingColumnToFitTheTerminal) {
   ToolSession tool;
   tool.session.terminal.out_is_terminal = true;
