@@ -291,3 +291,31 @@ TEST(NntV1Record, RandomValuesAgreeWithTheByteModelBothWays) {
     ASSERT_EQ(record_of(back), record);
   }
 }
+
+// The file that doc/nnt-file.md shows in hex, written by the library.
+TEST(NntV1Record, TheDocumentedExampleIsWhatIsWritten) {
+  TempDir dir;
+  ASSERT_EQ(nnt_create(nullptr, dir.file("f").c_str(), 1500000000, 300, 0644), 0);
+  nnt_multitype slots[3] = {};
+  slots[0].type = NNT_TYPE_UINT64;
+  slots[0].count = 5;
+  slots[0].value.v_uint64 = 42;
+  slots[0].derivative = 0.5F;
+  slots[0].counter = 0.25F;
+  slots[2].type = NNT_TYPE_DOUBLE;
+  slots[2].count = 70000;
+  slots[2].stddev_present = 1;
+  slots[2].stddev = 2.5F;
+  slots[2].value.v_double = 1.5;
+  slots[2].derivative = -1.0F;
+  slots[2].derivative_stddev = 0.125F;
+  slots[2].counter = std::numeric_limits<float>::quiet_NaN();
+  ASSERT_EQ(nnt_put_range(open_file(dir.file("f")).get(), 1500000000, 3, slots), 3);
+  EXPECT_EQ(dir.read("f"), from_hex("4e4e54312c010000002f685900000000"
+                                    "a30d0500000000002a00000000000000"
+                                    "0000003f000000000000803e00000000"
+                                    "00000000000000000000000000000000"
+                                    "00000000000000000000000000000000"
+                                    "1f06ffff00002040000000000000f83f"
+                                    "000080bf0000003e0000c07f00000000"));
+}
