@@ -87,17 +87,18 @@ class DescriptorOutlet final : public ruxo_log_outlet {
   constexpr DescriptorOutlet(int fd, const char *path, bool json) : path_(path), fd_(fd), json_(json) {}
 
   void take(const Record &record) override {
-    json_ ? ruxo::append_json(lines_.value, record) : ruxo::append_logfmt(lines_.value, record);
+    if (lines_ == nullptr) lines_ = new std::string;
+    json_ ? ruxo::append_json(*lines_, record) : ruxo::append_logfmt(*lines_, record);
     if (lines_->size() >= kCollectBytes) flush();
   }
 
   void flush() override {
-    if (lines_->empty()) return;
+    if (lines_ == nullptr || lines_->empty()) return;
     int fault = 0;
     // After a line that a fault cut off, the next one starts on its own.
     if (torn_) torn_ = write_all(fd_, "\n", &fault) == 0;
-    const size_t written = torn_ ? 0 : write_all(fd_, lines_.value, &fault);
-    if (written > 0) torn_ = lines_.value[written - 1] != '\n';
+    const size_t written = torn_ ? 0 : write_all(fd_, *lines_, &fault);
+    if (written > 0) torn_ = (*lines_)[written - 1] != '\n';
     if (written == lines_->size()) {
       failing_ = false;
     } else {
@@ -130,7 +131,9 @@ class DescriptorOutlet final : public ruxo_log_outlet {
     if (len > 0) ruxo::write_stderr({text, std::min(static_cast<size_t>(len), sizeof text - 1)});
   }
 
-  ruxo::Immortal<std::string> lines_;  // formatted and not yet written
+  // Formatted and not yet written. Made with the first line: the outlets for standard error are there before any
+  // constructor runs, and are never destroyed.
+  std::string *lines_ = nullptr;
   const char *path_;
   int fd_;
   bool json_;

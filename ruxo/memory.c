@@ -14,7 +14,8 @@
 #include "ruxo/log.h"
 
 /* The thread sanitizer does not see the library's atomics, which are assembly. All it has to know is that
- * what a section did comes before what is done once that section cannot look any more. */
+ * what a section did comes before what is done once that section cannot look any more, and that a record is used by one
+ * thread after the other. */
 #if defined(__SANITIZE_THREAD__)
 #define RUXO_TSAN 1
 #elif defined(__has_feature)
@@ -26,9 +27,13 @@
 #include <sanitizer/tsan_interface.h>
 #define SECTION_DONE() __tsan_release(&epoch)
 #define SECTIONS_OVER() __tsan_acquire(&epoch)
+#define RECORD_LEFT(record) __tsan_release(record)
+#define RECORD_TAKEN(record) __tsan_acquire(record)
 #else
 #define SECTION_DONE() ((void)0)
 #define SECTIONS_OVER() ((void)0)
+#define RECORD_LEFT(record) ((void)0)
+#define RECORD_TAKEN(record) ((void)0)
 #endif
 
 /* Frees that may wait before their thread tries to carry them out. */
@@ -87,6 +92,7 @@ static void release_record(void *record) {
   SECTION_DONE();
   orphan_pending(record);
   pthread_mutex_unlock(&orphans_lock);
+  RECORD_LEFT(record);
   ck_epoch_unregister(record);
 }
 
@@ -146,6 +152,7 @@ static ck_epoch_record_t *obtain_record(void) {
     memset(record, 0, sizeof *record);
     ck_epoch_register(&epoch, record, &epoch);
   }
+  RECORD_TAKEN(record);
   if (pthread_setspecific(record_key, record) != 0) {
     ck_epoch_unregister(record);
     return NULL;

@@ -76,7 +76,7 @@ inline bool is_ascii_json(std::string_view input) {
       if (packed[at] != '[' && packed[at] != '{') continue;
       const std::string rest = packed.substr(at);
       if (const size_t len = array.match(rest) + object.match(rest)) {
-        packed.replace(at, len, "v");
+        packed.replace(at, len, 1, 'v');
         reduced = true;
       }
     }
