@@ -97,6 +97,13 @@ POBE_EXPORT int pobe_metric_tagset_init(pobe_metric_tagset_t *set, const char *b
  * the whole list is well formed. `ctx` is read during the call only; null means no context. */
 POBE_EXPORT int pobe_metric_tagset_init_with_context(pobe_metric_tagset_t *set, const char *bytes, size_t len,
                                                      pobe_metric_tagset_context_t *ctx);
+/* The short way for names that are canonical already, as nearly all are. True: the `len` bytes at `name` are what
+ * pobe_metric_canonicalize_ex (stream tags accepted, measurement tags accepted and dropped) would write for them,
+ * and `set` holds their stream tags, each accepted by `validate` (null accepts all), as parsing that list would.
+ * False says nothing about the name (an encoded tag, text beyond ASCII, a refusal by `validate`, a fault): take
+ * the long way; `set` is then empty. `set` and the life of `name` are as in pobe_metric_tagset_init. */
+POBE_EXPORT bool pobe_metric_tagset_init_if_canonical(pobe_metric_tagset_t *set, const char *name, size_t len,
+                                                      pobe_metric_tagset_validate_f validate);
 /* Releases what the set holds and makes it empty; calling it again is harmless. Null is ignored. */
 POBE_EXPORT void pobe_metric_tagset_cleanup(pobe_metric_tagset_t *set);
 
