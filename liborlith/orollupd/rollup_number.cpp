@@ -1,8 +1,8 @@
 // Bounded number reading. The common spellings are read here, all others by the C library on a copy of the
 // number.
 #include <locale.h>
-#include <clocale>
 
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -40,10 +40,32 @@ struct Magnitude {
   const char *after = nullptr;  // null: no digits
 };
 
+constexpr uint64_t every_byte(uint8_t value) {
+  return 0x0101010101010101u * value;
+}
+
+// The number that eight digits at `at` make, or false. Lanes of one digit are joined to lanes of two, four and
+// eight, each by one multiplication that adds a lane to its weighted neighbour; the first digit is in the lowest
+// byte.
+bool read_eight_digits(const char *at, uint64_t &number) {
+  static_assert(std::endian::native == std::endian::little);
+  uint64_t word;
+  memcpy(&word, at, sizeof(word));
+  // Digits are 0x30 to 0x39: the high half of the byte is 3, and still is with 6 added.
+  const uint64_t high_halves = every_byte(0xF0);
+  if ((word & high_halves) != every_byte(0x30)) return false;
+  if (((word + every_byte(0x06)) & high_halves) != every_byte(0x30)) return false;
+  word = ((word & every_byte(0x0F)) * (10 * 256 + 1)) >> 8;
+  word = ((word & 0x00FF00FF00FF00FFu) * (100 * 65536 + 1)) >> 16;
+  number = ((word & 0x0000FFFF0000FFFFu) * (uint64_t{10000} * 4294967296 + 1)) >> 32;
+  return true;
+}
+
 Magnitude read_magnitude(const char *at, const char *end) {
   Magnitude result;
   at = skip_space(at, end);
   result.negative = take_sign(at, end);
+  if (end - at >= 8 && read_eight_digits(at, result.value)) result.after = at += 8;
   for (; at != end && is_digit(*at); ++at) {
     const auto digit = static_cast<uint64_t>(*at - '0');
     if (__builtin_mul_overflow(result.value, uint64_t{10}, &result.value) ||
@@ -135,11 +157,32 @@ bool scan_decimal(const char *at, const char *end, Decimal &out) {
   return true;
 }
 
+constexpr double kPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                              1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+// Most numbers in lines: digits, perhaps a point and digits, at most 15 of them; false for all others.
+bool read_short_decimal(const char *at, const char *end, double &value) {
+  constexpr std::ptrdiff_t kMostBytes =
+      16;  // 15 digits and the point, so that the mantissa is an exact double
+  const char *const start = at;
+  uint64_t mantissa = 0;
+  for (; at != end && is_digit(*at); ++at) mantissa = mantissa * 10 + static_cast<uint64_t>(*at - '0');
+  if (at == start) return false;
+  size_t fraction_len = 0;
+  if (at != end && *at == '.') {
+    const char *const fraction = ++at;
+    for (; at != end && is_digit(*at); ++at) mantissa = mantissa * 10 + static_cast<uint64_t>(*at - '0');
+    fraction_len = static_cast<size_t>(at - fraction);
+  }
+  const bool ends_here = at == end || ((*at | 0x20) != 'e' && (*at | 0x20) != 'x');
+  if (!ends_here || at - start > kMostBytes || mantissa >= uint64_t{1000000000000000}) return false;
+  value = static_cast<double>(mantissa) / kPowers[fraction_len];
+  return true;
+}
+
 // Both the mantissa and the power of ten are exact doubles here, so that one rounding gives the nearest
 // double (W. D. Clinger, "How to read floating point numbers accurately", 1990).
 bool from_exact_parts(const Decimal &number, double &value) {
-  static constexpr double kPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
-                                       1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
   constexpr uint64_t kLargestExact = uint64_t{1} << 53;
   if (!number.exact || number.mantissa > kLargestExact) return false;
   if (number.exponent < -22 || number.exponent > 22) return false;
@@ -175,19 +218,39 @@ double rollup::read_double(const char *at, const char *end) noexcept {
   const char *signed_start = skip_space(at, end);
   const char *start = signed_start;
   const bool negative = take_sign(start, end);
-  Decimal number;
   double value = 0.0;
+  if (read_short_decimal(start, end, value)) return negative ? -value : value;
+  Decimal number;
   if (!scan_decimal(start, end, number)) return read_with_library(signed_start, end);
   if (from_exact_parts(number, value)) return negative ? -value : value;
   if (std::from_chars(start, number.after, value).ec == std::errc{}) return negative ? -value : value;
   return read_with_library(signed_start, end);  // beyond a double's range
 }
 
+namespace {
+
+// A fraction of one to three digits and nothing that would scale it: whole milliseconds, the same as by way of a
+// double (a test tries all of them). False for every other fraction.
+bool read_whole_ms(const char *point, const char *end, uint64_t &ms) {
+  uint64_t scale = 1000;
+  const char *at = point + 1;
+  ms = 0;
+  for (; at != end && is_digit(*at) && scale > 1; ++at) {
+    scale /= 10;
+    ms += static_cast<uint64_t>(*at - '0') * scale;
+  }
+  return scale < 1000 && (at == end || (!is_digit(*at) && (*at | 0x20) != 'e'));
+}
+
+}  // namespace
+
 uint64_t rollup::read_timestamp_ms(const char *at, const char *end) noexcept {
   constexpr double kTwoTo64 = 18446744073709551616.0;
   const char *after = at;
   const uint64_t whole_ms = read_uint64(at, end, &after) * 1000;
   if (after == end || *after != '.') return whole_ms;
+  uint64_t ms = 0;
+  if (read_whole_ms(after, end, ms)) return whole_ms + ms;
   const double fraction_ms = read_double(after, end) * 1000;
   return fraction_ms < kTwoTo64 ? whole_ms + static_cast<uint64_t>(fraction_ms) : whole_ms;
 }

@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 #include "liborlith/liborlith_fatal.h"
@@ -12,6 +13,7 @@
 #include "liborlith/topo/topo.h"
 #include "liborlith/util/metric_locator_internal.h"
 #include "liborlith/util/metric_name.h"
+#include "liborlith/util/metric_name_private.h"
 #include "ruxo/memory.h"
 #include "ruxo/uuid.h"
 
@@ -34,8 +36,7 @@ constexpr size_t kNameOffset = kUuidTextLen + 1;  // of the name in a key, after
 constexpr size_t kNameRoom = ORLITH_METRIC_LOCATOR_MAX_NAME + 1;
 constexpr std::string_view kStreamTagMark = "|ST[";
 
-// The hashed text: the UUID's 36 characters, "-", the canonical name, in one run so that it is hashed in one
-// go.
+// The hashed text: the UUID's 36 characters, "-", the canonical name, in one run so that it is hashed in one go.
 struct Key {
   char text[kNameOffset + kNameRoom];
   size_t name_len = 0;
@@ -49,18 +50,17 @@ int printable_len(size_t len) {
   return len < INT_MAX ? static_cast<int>(len) : INT_MAX;
 }
 
-bool canonicalize_name(const mem_reader_t *name, Key &key) {
-  if (name == nullptr || mem_reader_get_buffer_size(name) == 0) return true;
-  const char *given = reinterpret_cast<const char *>(mem_reader_get_buffer(name));
-  const size_t given_len = mem_reader_get_buffer_size(name);
-  const ssize_t len = pobe_metric_canonicalize_ex(given, given_len, key.name(), kNameRoom, true, true, false);
+bool canonicalize_name(std::string_view given, Key &key) {
+  if (given.empty()) return true;
+  const ssize_t len =
+      pobe_metric_canonicalize_ex(given.data(), given.size(), key.name(), kNameRoom, true, true, false);
   if (len < 0) {
     ruxo_log(ml_error_ls, "Unable to canonicalize metric name (error code %zd): %.*s\n", len,
-             printable_len(given_len), given);
+             printable_len(given.size()), given.data());
     return false;
   }
   if (static_cast<size_t>(len) >= kNameRoom) {
-    ruxo_log(ml_error_ls, "Metric name is too long: %.*s\n", printable_len(given_len), given);
+    ruxo_log(ml_error_ls, "Metric name is too long: %.*s\n", printable_len(given.size()), given.data());
     return false;
   }
   key.name_len = static_cast<size_t>(len);
@@ -68,23 +68,23 @@ bool canonicalize_name(const mem_reader_t *name, Key &key) {
   return true;
 }
 
-// What a locator made from a name is: one zero-filled block, these two and then the name with its NUL, the
-// 32-byte hash and the 16-byte UUID.
+// What a locator made from a name is: one block, these two and then the name with its NUL, the 32-byte hash and
+// the 16-byte UUID. The two start as zeros; the rest is written in full.
 struct Block {
   Locator locator;
   Immutable immutable;
 };
 static_assert(sizeof(Block) == sizeof(Locator) + sizeof(Immutable));
 
-Locator *allocate_block(const Key &key, const uint8_t *uuid) {
+Block *allocate_block(const Key &key, const uint8_t *uuid) {
   const size_t text_size = key.name_len + 1;
-  void *memory = calloc(1, sizeof(Block) + text_size + TOPO_HASH_SIZE + RUXO_UUID_SIZE);
+  void *memory = malloc(sizeof(Block) + text_size + TOPO_HASH_SIZE + RUXO_UUID_SIZE);
   if (memory == nullptr) return nullptr;
-  auto *block = static_cast<Block *>(memory);
+  auto *block = new (memory) Block{};
   char *name = reinterpret_cast<char *>(block + 1);
   auto *hash = reinterpret_cast<uint8_t *>(name + text_size);
   memcpy(name, key.name(), key.name_len);
-  topo_hash(key.text, kNameOffset + key.name_len, hash);
+  name[key.name_len] = '\0';
   memcpy(hash + TOPO_HASH_SIZE, uuid, RUXO_UUID_SIZE);
 
   Immutable &immutable = block->immutable;
@@ -95,23 +95,74 @@ Locator *allocate_block(const Key &key, const uint8_t *uuid) {
   immutable.check_uuid = hash + TOPO_HASH_SIZE;
   block->locator.immutable = &immutable;
   block->locator.ref_cnt = 1;
-  return &block->locator;
+  return block;
 }
 
-// Fills the tag set and the length of the name without tags.
-bool parse_tags(Immutable *immutable) {
+// Completes a block whose tags are parsed.
+Locator *finish(Block *block, const Key &key, int32_t account_id, orlith_metric_locator_metric_type_e type) {
+  Locator *rval = &block->locator;
+  Immutable &immutable = block->immutable;
+  const size_t mark = std::string_view(immutable.key_mem, immutable.key_len).find(kStreamTagMark);
+  immutable.untagged_metric_name_len =
+      mark == std::string_view::npos ? immutable.key_len : static_cast<uint32_t>(mark);
+  topo_hash(key.text, kNameOffset + key.name_len, reinterpret_cast<uint8_t *>(block + 1) + key.name_len + 1);
+  rval->account_id = account_id;
+  rval->type = type;
+  return rval;
+}
+
+bool parse_tags(Immutable &immutable) {
   mem_reader_t name;
-  mem_reader_init_mem(&name, immutable->key_mem, immutable->key_len);
-  if (!metric_name_v1_parse(&name, &name, &immutable->stream_tags)) {
-    ruxo_log(ml_error_ls, "Unable to parse metric name: %s\n", immutable->key_mem);
+  mem_reader_init_mem(&name, immutable.key_mem, immutable.key_len);
+  if (!metric_name_v1_parse(&name, &name, &immutable.stream_tags)) {
+    ruxo_log(ml_error_ls, "Unable to parse metric name: %s\n", immutable.key_mem);
     return false;
   }
-  ruxo_log(ml_debug_ls, "parsed tags: %d, %p\n", immutable->stream_tags.tag_count,
-           static_cast<void *>(immutable->stream_tags.tags));
-  const size_t mark = std::string_view(immutable->key_mem, immutable->key_len).find(kStreamTagMark);
-  immutable->untagged_metric_name_len =
-      mark == std::string_view::npos ? immutable->key_len : static_cast<uint32_t>(mark);
+  ruxo_log(ml_debug_ls, "parsed tags: %d, %p\n", immutable.stream_tags.tag_count,
+           static_cast<void *>(immutable.stream_tags.tags));
   return true;
+}
+
+// For a name that is canonical as given, which is recognised together with its tags in one pass (and then has no NUL
+// in it). Null for every other name, and while somebody follows the steps on a debug stream: then they are taken one by one.
+Block *make_short_way(std::string_view given, Key &key, const uint8_t *uuid) {
+  if (given.empty() || given.size() >= kNameRoom) return nullptr;
+  if (ruxo_log_stream_is_live(ml_debug_ls) || ruxo_log_stream_is_live(mn_debug_ls)) return nullptr;
+  memcpy(key.name(), given.data(), given.size());
+  key.name_len = given.size();
+  Block *block = allocate_block(key, uuid);
+  if (block == nullptr) return nullptr;
+  if (pobe_metric_tagset_init_if_canonical(&block->immutable.stream_tags, block->immutable.key_mem,
+                                           key.name_len, reject_artificial_stream_tags)) {
+    return block;
+  }
+  free(block);
+  key.name_len = 0;
+  return nullptr;
+}
+
+Block *make_long_way(std::string_view given, Key &key, const uint8_t *uuid) {
+  if (!canonicalize_name(given, key)) return nullptr;
+  Block *block = allocate_block(key, uuid);
+  if (block == nullptr) return nullptr;
+  if (!parse_tags(block->immutable)) {
+    free(block);
+    return nullptr;
+  }
+  const Locator *rval = &block->locator;
+  liborlith_assert(strlen(rval->immutable->key_mem) == rval->immutable->key_len);
+  return block;
+}
+
+// `key` holds the UUID text and the dash already.
+Locator *create(Key &key, const uint8_t *uuid, const mem_reader_t *name, int32_t account_id, int type) {
+  std::string_view given;
+  if (name != nullptr) {
+    given = {reinterpret_cast<const char *>(mem_reader_get_buffer(name)), mem_reader_get_buffer_size(name)};
+  }
+  Block *block = make_short_way(given, key, uuid);
+  if (block == nullptr) block = make_long_way(given, key, uuid);
+  return block == nullptr ? nullptr : finish(block, key, account_id, static_cast<uint16_t>(type));
 }
 
 void free_last_values(Locator *loc) {
@@ -121,12 +172,23 @@ void free_last_values(Locator *loc) {
   free(loc->last_h);
 }
 
+// False when no part of the locator can be in a reader's hands: it never had a text or a histogram, nor a release of
+// the host's own, which may count on being called inside a section.
+bool needs_section(const Locator *loc) {
+  return loc->last_t != nullptr || loc->last_h != nullptr ||
+         loc->immutable->release != orlith_metric_locator_immutable_data_release;
+}
+
 void destroy(Locator *loc) {
   oil_free(loc->activity_oil);
-  ruxo_memory_begin();
-  free_last_values(loc);
-  loc->immutable->release(loc->immutable);
-  ruxo_memory_end();
+  if (needs_section(loc)) {
+    ruxo_memory_begin();
+    free_last_values(loc);
+    loc->immutable->release(loc->immutable);
+    ruxo_memory_end();
+  } else {
+    orlith_metric_locator_immutable_data_release(loc->immutable);
+  }
   free(loc->last_n);
   free(loc);
 }
@@ -135,29 +197,27 @@ void destroy(Locator *loc) {
 
 // ---- Creation and lifetime
 
-extern "C" Locator *orlith_metric_locator_create(const uint8_t uuid[16], const mem_reader_t *name,
-                                                 orlith_metric_locator_metric_type_e type) {
-  Key key;
-  if (!canonicalize_name(name, key)) return nullptr;
-  ruxo_uuid_unparse_lower(uuid, key.text);
-  key.text[kUuidTextLen] = '-';
-  Locator *rval = allocate_block(key, uuid);
-  if (rval == nullptr) return nullptr;
-  if (!parse_tags(rval->immutable)) {
-    free(rval);
-    return nullptr;
-  }
-  rval->type = type;
-  liborlith_assert(strlen(rval->immutable->key_mem) == rval->immutable->key_len);
-  return rval;
-}
-
 extern "C" Locator *orlith_metric_locator_create_full(int32_t account_id, int type,
                                                       const uint8_t check_uuid[16],
                                                       const mem_reader_t *name) {
-  Locator *loc = orlith_metric_locator_create(check_uuid, name, static_cast<uint16_t>(type));
-  if (loc != nullptr) loc->account_id = account_id;
-  return loc;
+  Key key;
+  ruxo_uuid_unparse_lower(check_uuid, key.text);
+  key.text[kUuidTextLen] = '-';
+  return create(key, check_uuid, name, account_id, type);
+}
+
+extern "C" Locator *orlith_metric_locator_create(const uint8_t uuid[16], const mem_reader_t *name,
+                                                 orlith_metric_locator_metric_type_e type) {
+  return orlith_metric_locator_create_full(0, type, uuid, name);
+}
+
+Locator *metric_locator_create_for_line(int32_t account_id, int type, const uint8_t *check_uuid,
+                                        const char *uuid_text, const mem_reader_t *name) noexcept {
+  Key key;
+  // Lower-casing hexadecimal digits and dashes is setting one bit, which dashes and decimal digits have set.
+  for (size_t i = 0; i < kUuidTextLen; ++i) key.text[i] = static_cast<char>(uuid_text[i] | 0x20);
+  key.text[kUuidTextLen] = '-';
+  return create(key, check_uuid, name, account_id, type);
 }
 
 extern "C" Locator *orlith_metric_locator_create_from_parts(Immutable *immutable, int32_t account_id,

@@ -256,6 +256,21 @@ TEST(RollupTimestamp, WholeSecondsWrapAt64Bits) {
   EXPECT_EQ(read_timestamp("18446744073709551616"), UINT64_MAX * 1000);
 }
 
+TEST(RollupTimestamp, EveryFractionOfUpToThreeDigitsIsAsByWayOfADouble) {
+  for (unsigned digits = 1; digits <= 3; ++digits) {
+    for (unsigned number = 0; number < 1000; ++number) {
+      char text[16];
+      snprintf(text, sizeof text, "7.%0*u", static_cast<int>(digits), number);
+      const auto expected = 7000 + static_cast<uint64_t>(strtod(strchr(text, '.'), nullptr) * 1000);
+      EXPECT_EQ(read_timestamp(text), expected) << text;
+      EXPECT_EQ(read_timestamp(std::string(text) + "\tx"), expected) << text;
+    }
+  }
+  EXPECT_EQ(read_timestamp("7.1e"), 7100U);
+  EXPECT_EQ(read_timestamp("7.1e1"), 8000U);
+  EXPECT_EQ(read_timestamp("7.1234"), 7123U);
+}
+
 TEST(RollupTimestamp, AgreesWithTheLibrary) {
   const unsigned seed = 31;
   SCOPED_TRACE(seed);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "liborlith/util/metric_locator_internal.h"
+#include "liborlith/util/metric_name.h"
 #include "ruxo/memory.h"
 #include "test/support/locators.h"
 #include "test/support/log_capture.h"
@@ -560,4 +561,29 @@ TEST(MetricLocatorInitDeathTest, UsesTheStreamsTheHostHasConfigured) {
     return ml_debug_ls == debug_ls && ml_error_ls == error_ls ? 0 : 1;
   };
   EXPECT_EXIT(exit(start()), testing::ExitedWithCode(0), "");
+}
+
+// ---- The short way for canonical names, against the steps one by one, which a live debug stream brings about
+
+TEST(MetricLocatorCreate, BothWaysMakeTheSameLocator) {
+  for (const char *name :
+       {"cpu", "cpu|ST[a:1,b:2]", "cpu|ST[b:2,a:1]", "x|ST[y|ST[a:1]", "µs|ST[a:é]", "a|b|c",
+        "cpu|ST[a:1]|MT{m:1}", "cpu|ST[b\"w6k=\":1]", "|ST[a:]", "cpu]", "cpu|ST[]"}) {
+    SCOPED_TRACE(name);
+    const LocatorPtr quick = make_locator(name);
+    LogCapture trace(&mn_debug_ls);
+    const LocatorPtr traced = make_locator(name);
+    EXPECT_FALSE(trace.lines().empty());
+    ASSERT_NE(quick, nullptr);
+    ASSERT_NE(traced, nullptr);
+    EXPECT_TRUE(orlith_metric_locator_equal(quick.get(), traced.get()));
+    EXPECT_TRUE(orlith_metric_locator_matches(quick.get(), traced.get()));
+    EXPECT_EQ(orlith_metric_locator_get_name_len_without_tags(quick.get()),
+              orlith_metric_locator_get_name_len_without_tags(traced.get()));
+    const pobe_metric_tagset_t *a = orlith_metric_locator_get_stream_tags(quick.get());
+    const pobe_metric_tagset_t *b = orlith_metric_locator_get_stream_tags(traced.get());
+    ASSERT_EQ(a->tag_count, b->tag_count);
+    EXPECT_EQ(a->canonical_size, b->canonical_size);
+    for (int i = 0; i < a->tag_count; ++i) EXPECT_EQ(tag_text(quick.get(), i), tag_text(traced.get(), i));
+  }
 }
