@@ -239,6 +239,8 @@ TEST_F(Ingest, AMillionLinesOfADayAreStoredAndVerified) {
   EXPECT_EQ(ingest({"--period", "60", "--period", "300", dir_.write("lines", lines)}), 0) << err();
   EXPECT_THAT(out(), HasSubstr("lines       1,000,000 in "));
   expect_folder_holds(data(), model_of(lines, {60, 300}));
+  ToolSession verify;
+  EXPECT_EQ(verify.run({"nnt", "verify", data()}), 0) << verify.err.text;
 }
 
 TEST_F(Ingest, CheckpointsOnTheWayChangeNothing) {
