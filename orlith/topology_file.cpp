@@ -39,36 +39,53 @@ class QuietErrorLog {
   ruxo_log_stream_t stream_;
 };
 
-Topology compile(const Document &document, std::string_view name, Session &session) {
+// Fills the message on failure; `name` stands before it.
+Topology compile(const Document &document, std::string_view name, std::string *message) {
   const QuietErrorLog quiet;
-  char *message = nullptr;
-  Topology topology(topo_compile(document.get(), nullptr, &message));
-  if (topology == nullptr) session.error(fmt::format("{}: {}", escaped(name), escaped(taken(message))));
+  char *error = nullptr;
+  Topology topology(topo_compile(document.get(), nullptr, &error));
+  if (topology == nullptr) *message = fmt::format("{}: {}", escaped(name), escaped(taken(error)));
+  return topology;
+}
+
+Topology told(Topology topology, const std::string &message, Session &session) {
+  if (topology == nullptr) session.error(message);
   return topology;
 }
 
 }  // namespace
 
-Topology load_topology(const std::string &path, int *code, Session &session) {
+Topology load_topology(const std::string &path, int *code, std::string *message) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
-    *code = errno == ENOENT ? exit_not_found : exit_failed;
-    session.error(fmt::format("{}: {}", escaped(path), strerror(errno)));
+    *code = errno == ENOENT || errno == ENOTDIR ? exit_not_found : exit_failed;
+    *message = fmt::format("{}: {}", escaped(path), strerror(errno));
     return nullptr;
   }
   close(fd);
   *code = exit_damaged;
-  char *message = nullptr;
-  const Document document(topo_parse_document_file(path.c_str(), &message));
-  if (document != nullptr) return compile(document, path, session);
-  session.error(escaped(taken(message)));  // begins with the path
+  char *error = nullptr;
+  const Document document(topo_parse_document_file(path.c_str(), &error));
+  if (document != nullptr) return compile(document, path, message);
+  *message = escaped(taken(error));  // begins with the path
   return nullptr;
 }
 
+Topology load_topology(const std::string &path, int *code, Session &session) {
+  std::string message;
+  Topology topology = load_topology(path, code, &message);
+  return told(std::move(topology), message, session);
+}
+
 Topology compile_topology(std::string_view document, std::string_view name, Session &session) {
-  char *message = nullptr;
-  const Document parsed(topo_parse_document(document.data(), document.size(), &message));
-  if (parsed != nullptr) return compile(parsed, name, session);
-  session.error(fmt::format("{}: {}", escaped(name), escaped(taken(message))));
-  return nullptr;
+  char *error = nullptr;
+  const Document parsed(topo_parse_document(document.data(), document.size(), &error));
+  std::string message;
+  Topology topology;
+  if (parsed != nullptr) {
+    topology = compile(parsed, name, &message);
+  } else {
+    message = fmt::format("{}: {}", escaped(name), escaped(taken(error)));
+  }
+  return told(std::move(topology), message, session);
 }

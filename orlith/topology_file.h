@@ -17,6 +17,8 @@ using Topology = std::unique_ptr<topo_config, FreeTopology>;
 // The compiled topology of a file. Null after an error message, with *code the exit code: not found, failed (the
 // file cannot be read) or refused.
 Topology load_topology(const std::string &path, int *code, Session &session);
+// The same with the message handed back instead of written; it begins with the path and is escaped.
+Topology load_topology(const std::string &path, int *code, std::string *message);
 
 // The same for a document in memory; `name` stands before the message.
 Topology compile_topology(std::string_view document, std::string_view name, Session &session);
