@@ -5,6 +5,9 @@
 #define ORLITH_COMMANDS(X) \
   X(collect)               \
   X(ingest)                \
+  X(topo_check)            \
+  X(topo_show)             \
+  X(topo_place)            \
   X(nnt_info)              \
   X(nnt_dump)              \
   X(nnt_plot)              \

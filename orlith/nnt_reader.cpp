@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "liborlith/nnt/nnt.h"
+#include "orlith/data_path.h"
 #include "orlith/text.h"
 
 namespace {
@@ -56,7 +57,8 @@ std::string header_fault(const nnt_hdr &header) {
 
 std::unique_ptr<NntReader> NntReader::open(const std::string &path, Problem *problem) {
   // Without O_NONBLOCK, a pipe without a writer would stop us here.
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  const ReachablePath reachable(path, false);
+  const int fd = ::open(reachable.path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   const auto refuse = [&](Problem why) {
     *problem = std::move(why);
     if (fd >= 0) close(fd);

@@ -8,17 +8,18 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <optional>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "orlith/cli.h"
+#include "orlith/data_path.h"
 #include "orlith/nnt_reader.h"
 #include "orlith/progress.h"
 #include "orlith/signals.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 struct Options {
   std::vector<std::string> paths;
@@ -41,12 +42,17 @@ struct Totals {
 
 bool begins_with_magic(const std::string &path) {
   char magic[sizeof(nnt_hdr::version)];
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  const ReachablePath reachable(path, false);
+  const int fd = open(reachable.path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) return true;  // cannot tell: to be reported when it is opened
   const ssize_t count = pread(fd, magic, sizeof magic, 0);
   close(fd);
   return count == sizeof magic && memcmp(magic, NNT_V1_MAGIC, sizeof magic) == 0;
 }
+
+struct CloseFolder {
+  void operator()(DIR *folder) const { closedir(folder); }
+};
 
 class Verifier {
  public:
@@ -55,7 +61,7 @@ class Verifier {
   // Finds the files first, so that progress knows the whole.
   void find(const std::string &path) {
     struct stat info {};
-    if (stat(path.c_str(), &info) != 0) {
+    if (const ReachablePath reachable(path, false); stat(reachable.path().c_str(), &info) != 0) {
       report_problem(path,
                      {strerror(errno), errno == ENOENT || errno == ENOTDIR ? exit_not_found : exit_failed});
     } else if (S_ISDIR(info.st_mode)) {
@@ -79,27 +85,56 @@ class Verifier {
   }
 
  private:
-  // In the order of names, so that two runs say the same. Links are not followed: a loop would never end.
+  struct Found {
+    std::string path;
+    bool is_folder;
+    uint64_t size_bytes;
+  };
+
+  // In the order of names, so that two runs say the same. Links are not followed: a loop would never end. What is
+  // still to do stands in a list of its own and one folder is open at a time, so that no depth is too much.
   void find_below(const std::string &folder) {
-    std::error_code error;
-    std::vector<fs::directory_entry> entries;
-    for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error))
-      entries.push_back(*it);
-    if (error) return report_problem(folder, {error.message(), exit_failed});
-    std::sort(entries.begin(), entries.end());
-    for (const fs::directory_entry &entry : entries) {
-      const std::string path = entry.path().string();
-      const fs::file_status status = entry.symlink_status(error);
-      if (fs::is_directory(status)) {
-        find_below(path);
-      } else if (fs::is_regular_file(status)) {
-        // Folders of data hold other files as well; those that claim to be NNT files count.
-        if (path.ends_with(".nnt") || begins_with_magic(path)) {
-          targets_.push_back({path, static_cast<uint64_t>(entry.file_size(error))});
-        } else {
-          ++totals_.skipped;
-        }
+    std::vector<Found> to_do = {{folder, true, 0}};
+    while (!to_do.empty() && !interrupted()) {
+      const Found next = std::move(to_do.back());
+      to_do.pop_back();
+      if (!next.is_folder) {
+        add_found(next.path, next.size_bytes);
+        continue;
       }
+      std::vector<Found> entries = list(next.path);
+      std::sort(entries.begin(), entries.end(),
+                [](const Found &a, const Found &b) { return a.path > b.path; });
+      to_do.insert(to_do.end(), std::make_move_iterator(entries.begin()),
+                   std::make_move_iterator(entries.end()));
+    }
+  }
+
+  std::vector<Found> list(const std::string &folder) {
+    std::vector<Found> entries;
+    const ReachablePath reachable(folder, false);
+    const std::unique_ptr<DIR, CloseFolder> open_folder(opendir(reachable.path().c_str()));
+    if (!open_folder) report_problem(folder, {strerror(errno), exit_failed});
+    const std::string prefix = folder + (folder.ends_with('/') ? "" : "/");
+    while (const dirent *entry = open_folder ? readdir(open_folder.get()) : nullptr) {
+      if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+      struct stat info {};
+      if (fstatat(dirfd(open_folder.get()), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) {
+        report_problem(prefix + entry->d_name, {strerror(errno), exit_failed});
+      } else if (S_ISDIR(info.st_mode) || S_ISREG(info.st_mode)) {
+        entries.push_back(
+            {prefix + entry->d_name, S_ISDIR(info.st_mode), static_cast<uint64_t>(info.st_size)});
+      }
+    }
+    return entries;
+  }
+
+  // Folders of data hold other files as well; those that claim to be NNT files count.
+  void add_found(const std::string &path, uint64_t size_bytes) {
+    if (path.ends_with(kNntSuffix) || begins_with_magic(path)) {
+      targets_.push_back({path, size_bytes});
+    } else {
+      ++totals_.skipped;
     }
   }
 
