@@ -36,7 +36,11 @@ void install_signal_handlers() {
   action.sa_flags = static_cast<int>(SA_RESETHAND);
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+  struct sigaction hangup {};
+  if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN)
+    sigaction(SIGHUP, &action, nullptr);
   signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);
 }
 
 bool interrupted() {
@@ -45,6 +49,11 @@ bool interrupted() {
 
 void set_interrupted(bool value) {
   flag.store(value, std::memory_order_relaxed);
+}
+
+bool wait_for_input(int fd, int timeout_ms) {
+  pollfd ready[] = {{fd, POLLIN, 0}, {wake_pipe[0], POLLIN, 0}};
+  return poll(ready, 2, timeout_ms) > 0 && ready[0].revents != 0;
 }
 
 bool wait_for_interrupt_ns(uint64_t ns) {
