@@ -83,23 +83,32 @@ Refusal refusal_of_code(int code) {
 }
 
 std::optional<Refusal> timestamp_fault(std::string_view timestamp) {
-  size_t digits = 0;
-  size_t points = 0;
-  for (const char c : timestamp) {
-    if (c == '.') {
-      ++points;
-    } else if (is_digit(c)) {
-      ++digits;
-    } else {
-      return Refusal::bad_timestamp;
-    }
+  constexpr uint64_t kLastWholeSecond = UINT64_MAX / 1000 - 1;
+  const char *at = timestamp.data();
+  const char *end = at + timestamp.size();
+  const auto skip_digits = [&] {
+    const char *start = at;
+    while (at != end && is_digit(*at)) ++at;
+    return at - start;
+  };
+  const auto whole_digits = skip_digits();
+  if (whole_digits == 0) return Refusal::bad_timestamp;
+  const char *after_whole = at;
+  if (at != end && *at == '.') {
+    ++at;
+    skip_digits();
   }
-  if (digits == 0 || points > 1 || timestamp.front() == '.') return Refusal::bad_timestamp;
+  if (at != end) return Refusal::bad_timestamp;
+  if (whole_digits < 17) return std::nullopt;
+  // So many digits may be leading zeros; a number beyond 64 bits of milliseconds would come out as some time past.
+  uint64_t whole_s = 0;
+  const auto result = std::from_chars(timestamp.data(), after_whole, whole_s);
+  if (result.ec != std::errc() || whole_s > kLastWholeSecond) return Refusal::in_the_future;
   return std::nullopt;
 }
 
 std::optional<Refusal> value_fault(char type, std::string_view value) {
-  if (value == "[[null]]") return std::nullopt;
+  if (value == "[[null]]") return std::nullopt;  // of any type
   switch (type) {
     case 'I':
       return integer_fault<uint32_t>(without_blanks(value));
@@ -111,7 +120,9 @@ std::optional<Refusal> value_fault(char type, std::string_view value) {
       return integer_fault<int64_t>(without_blanks(value));
     case 'n':
       return decimal_fault(without_blanks(value));
+    case 's':
+      return std::nullopt;
     default:
-      return std::nullopt;  // texts, and types that the parser refuses itself
+      return Refusal::unknown_type;
   }
 }

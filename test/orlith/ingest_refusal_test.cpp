@@ -26,7 +26,8 @@ TEST(Refusals, CoverEveryResultOfTheLineParser) {
 }
 
 TEST(TimestampFault, TakesSecondsWithAnOptionalFraction) {
-  for (const char *good : {"0", "1700000000", "12.5", "12.", "99999999999999999999"}) {
+  for (const char *good :
+       {"0", "1700000000", "12.5", "12.", "18446744073709550.999", "0000000000000000000000012"}) {
     EXPECT_EQ(timestamp_fault(good), kTaken) << good;
   }
 }
@@ -35,6 +36,13 @@ TEST(TimestampFault, RefusesWhatTheParserWouldReadAsAnotherTime) {
   for (const char *bad :
        {"", ".", ".5", "-5", "+5", " 5", "5 ", "abc", "12a", "0x10", "1e9", "1.2.3", "nan"}) {
     EXPECT_EQ(timestamp_fault(bad), Refusal::bad_timestamp) << bad;
+  }
+}
+
+TEST(TimestampFault, RefusesSecondsThatWouldWrapRoundToThePast) {
+  for (const char *far : {"18446744073709551", "18446744073709552", "18446744073709552.5",
+                          "99999999999999999999", "999999999999999999999999999999"}) {
+    EXPECT_EQ(timestamp_fault(far), Refusal::in_the_future) << far;
   }
 }
 
@@ -80,7 +88,7 @@ constexpr ValueCase kValueCases[] = {
     {'n', "", Refusal::value_not_a_number},
     {'n', "\xff", Refusal::value_not_a_number},
     {'s', "anything", kTaken},
-    {'x', "5", kTaken},  // the parser refuses the type itself
+    {'x', "5", Refusal::unknown_type},
 };
 INSTANTIATE_TEST_SUITE_P(Values, ValueFault, testing::ValuesIn(kValueCases));
 
