@@ -8,7 +8,11 @@
 #include <cstring>
 #include <utility>
 
+#include "orlith/signals.h"
+
 namespace {
+
+constexpr int kIdle_ms = 1000;
 
 constexpr size_t kBufferBytes = LineReader::kMaxLineBytes + (size_t{256} << 10);
 
@@ -38,11 +42,13 @@ LineReader::~LineReader() {
 bool LineReader::next(InputLine *line) {
   while (true) {
     const size_t held = end_ - begin_;
-    const void *newline = held == 0 ? nullptr : memchr(buffer_.data() + begin_, '\n', held);
+    const char *unsearched = buffer_.data() + begin_ + searched_;
+    const void *newline = held == searched_ ? nullptr : memchr(unsearched, '\n', held - searched_);
     if (newline != nullptr) {
       take(static_cast<size_t>(static_cast<const char *>(newline) - (buffer_.data() + begin_)), 1, line);
       return true;
     }
+    searched_ = held;
     if (at_end_of_file_ && (held > 0 || skipping_)) {  // the last line may lack its newline
       take(held, 0, line);
       return true;
@@ -59,6 +65,7 @@ void LineReader::take(size_t length, size_t newline, InputLine *line) {
   if (skipping_) line->text = long_line_head_;
   if (line->too_long) line->text = line->text.substr(0, kLongLineHeadBytes);
   skipping_ = false;
+  searched_ = 0;
   begin_ += length + newline;
   position_.end_byte += length + newline;
   ++position_.line;
@@ -69,7 +76,7 @@ void LineReader::skip_held() {
   if (!skipping_) long_line_head_.assign(buffer_.data() + begin_, kLongLineHeadBytes);
   skipping_ = true;
   position_.end_byte += end_ - begin_;
-  begin_ = end_ = 0;
+  begin_ = end_ = searched_ = 0;
 }
 
 bool LineReader::open_next_file() {
@@ -78,11 +85,26 @@ bool LineReader::open_next_file() {
   if (next_file_ == files_.size()) return false;
   const std::string &name = files_[next_file_++];
   position_ = {&name, 0, 0};
-  begin_ = end_ = 0;
+  begin_ = end_ = searched_ = 0;
   at_end_of_file_ = false;
-  fd_ = name == "-" ? STDIN_FILENO : open(name.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd_ < 0) fail("cannot be opened");
-  return fd_ >= 0;
+  while (fd_ < 0) {  // opening a named pipe may wait, too
+    if (interrupted_()) return false;
+    fd_ = name == "-" ? STDIN_FILENO : open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd_ >= 0 || errno == EINTR) continue;
+    fail("cannot be opened");
+    return false;
+  }
+  struct stat info {};
+  may_wait_ = fstat(fd_, &info) == 0 && !S_ISREG(info.st_mode);
+  return true;
+}
+
+bool LineReader::wait_until_readable() {
+  while (!interrupted_()) {
+    if (!may_wait_ || wait_for_input(fd_, kIdle_ms)) return true;
+    if (!interrupted_() && !idle_()) return false;
+  }
+  return false;
 }
 
 bool LineReader::fill() {
@@ -93,7 +115,7 @@ bool LineReader::fill() {
   }
   ssize_t got = -1;
   do {
-    if (interrupted_()) return false;
+    if (!wait_until_readable()) return false;
     got = read(fd_, buffer_.data() + end_, buffer_.size() - end_);
   } while (got < 0 && errno == EINTR);
   if (got < 0) {

@@ -3,8 +3,10 @@
 #define ORLITH_LINE_READER_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 // Where a line stands: `line` counts from 1 within its file, `end_byte` is the file offset just after it.
@@ -27,12 +29,15 @@ class LineReader {
 
   static constexpr size_t kLongLineHeadBytes = 200;
 
-  // "-" is standard input. No file is opened before its turn. `interrupted` is asked before each read; when it
-  // answers true the input ends there.
+  // "-" is standard input. No file is opened before its turn. `interrupted` is asked before each read and while
+  // waiting for input; when it answers true the input ends there.
   LineReader(std::vector<std::string> files, bool (*interrupted)());
   ~LineReader();
   LineReader(const LineReader &) = delete;
   LineReader &operator=(const LineReader &) = delete;
+
+  // Called about every second in which a pipe or a terminal brings nothing. When it answers false the input ends there.
+  void on_idle(std::function<bool()> idle) { idle_ = std::move(idle); }
 
   // The next line of the input, or false at its end or on a failure, which error() then names.
   bool next(InputLine *line);
@@ -45,17 +50,21 @@ class LineReader {
   void take(size_t length, size_t newline, InputLine *line);
   void skip_held();
   bool open_next_file();
+  bool wait_until_readable();
   bool fill();
   void fail(const char *what);
 
   std::vector<std::string> files_;
   bool (*interrupted_)();
+  std::function<bool()> idle_ = [] { return true; };
   size_t next_file_ = 0;
   int fd_ = -1;
+  bool may_wait_ = false;  // the file is a pipe or the like
   bool at_end_of_file_ = false;
   std::vector<char> buffer_;
   size_t begin_ = 0;  // what is in the buffer and not handed out: [begin_, end_)
   size_t end_ = 0;
+  size_t searched_ = 0;    // of these, known to hold no newline
   bool skipping_ = false;  // inside a line that is too long
   std::string long_line_head_;
   InputPosition position_;

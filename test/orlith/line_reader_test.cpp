@@ -1,7 +1,11 @@
 #include "orlith/line_reader.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -61,6 +65,54 @@ TEST(LineReader, NamesAFolderThatCannotBeRead) {
   LineReader reader({dir.path()}, never);
   EXPECT_TRUE(read_all(reader).empty());
   EXPECT_EQ(reader.error(), dir.path() + ": cannot be read: Is a directory");
+}
+
+// Both ends of a pipe, in a folder of its own as a named one, since readers open names.
+class NamedPipe {
+ public:
+  NamedPipe() {
+    if (mkfifo(name().c_str(), 0600) != 0) abort();
+    fd_ = open(name().c_str(), O_RDWR | O_CLOEXEC);
+  }
+  ~NamedPipe() { finish(); }
+  std::string name() const { return dir_.file("pipe"); }
+  void bring(const std::string &bytes) {
+    EXPECT_EQ(write(fd_, bytes.data(), bytes.size()), ssize_t(bytes.size()));
+  }
+  void finish() {
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  TempDir dir_;
+  int fd_ = -1;
+};
+
+TEST(LineReader, TellsThatAPipeBringsNothing) {
+  NamedPipe pipe;
+  pipe.bring("one\nbeginning");
+  LineReader reader({pipe.name()}, never);
+  EXPECT_EQ(reader.total_bytes(), 0U);
+  int idle = 0;
+  reader.on_idle([&] {
+    if (++idle == 1) pipe.bring(" and end\n");
+    return idle < 2;
+  });
+  EXPECT_EQ(read_all(reader), (std::vector<Seen>{{"one", 1, 4}, {"beginning and end", 2, 22}}));
+  EXPECT_EQ(idle, 2) << "the second answer ended the input";
+  EXPECT_EQ(reader.error(), "");
+}
+
+TEST(LineReader, APipeThatEndsInTheMiddleOfALineEndsWithIt) {
+  NamedPipe pipe;
+  pipe.bring("one\ntw");
+  LineReader reader({pipe.name()}, never);
+  reader.on_idle([&] {
+    pipe.finish();
+    return true;
+  });
+  EXPECT_EQ(read_all(reader), (std::vector<Seen>{{"one", 1, 4}, {"tw", 2, 6}}));
 }
 
 TEST(LineReader, TakesTheLongestLineAndSkipsLongerOnes) {
