@@ -6,9 +6,11 @@
 namespace {
 
 constexpr int kMaxStoredCount = 65535;
+// The weights of two sides are added as signed 32-bit numbers; the stored one is at most kMaxStoredCount.
+constexpr uint32_t kMaxWeight = INT32_MAX - kMaxStoredCount;
 
 int as_weight(uint32_t count) {
-  return static_cast<int>(std::min<uint32_t>(count, INT32_MAX));
+  return static_cast<int>(std::min(count, kMaxWeight));
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <memory>
 #include <string_view>
 
+#include "liborlith/nnt/nnt_v1.h"
 #include "orlith/data_path.h"
 
 namespace {
@@ -19,7 +20,9 @@ namespace {
 constexpr mode_t kFileMode = 0666;
 constexpr mode_t kFolderMode = 0777;
 constexpr uint64_t kHeaderBytes = 16;
-constexpr uint64_t kRecordBytes = 32;
+constexpr uint64_t kRecordBytes = sizeof(nnt_datum_v1);
+static_assert(kRecordBytes == 32);
+constexpr size_t kCopyBytes = size_t{1} << 18;
 
 struct CloseNnt {
   void operator()(nnt_handle *handle) const { nnt_close(handle); }
@@ -62,6 +65,7 @@ bool write_whole(int fd, const char *bytes, size_t length, off_t offset) {
   while (length > 0) {
     const ssize_t put = pwrite(fd, bytes, length, offset);
     if (put < 0 && errno == EINTR) continue;
+    if (put == 0) errno = ENOSPC;  // the device ended
     if (put <= 0) return false;
     bytes += put;
     length -= static_cast<size_t>(put);
@@ -70,10 +74,37 @@ bool write_whole(int fd, const char *bytes, size_t length, off_t offset) {
   return true;
 }
 
+bool copy_bytes(int from, int to, off_t begin, off_t end, off_t shift) {
+  std::vector<char> buffer(std::min(kCopyBytes, static_cast<size_t>(end - begin)));
+  while (begin < end) {
+    const size_t length = std::min(buffer.size(), static_cast<size_t>(end - begin));
+    if (!read_whole(from, buffer.data(), length, begin)) return false;
+    if (!write_whole(to, buffer.data(), length, begin + shift)) return false;
+    begin += static_cast<off_t>(length);
+  }
+  return true;
+}
+
+// Copies [begin, size) of `from` to `to`, `shift` bytes further on. Holes stay holes: a file that one early sample made
+// long must not fill the disk when it is copied.
+bool copy_with_holes(int from, int to, off_t begin, off_t size, off_t shift) {
+  while (begin < size) {
+    const off_t data = lseek(from, begin, SEEK_DATA);
+    if (data < 0 && errno == ENXIO) break;  // a hole up to the end
+    const off_t hole = data < 0 ? data : lseek(from, data, SEEK_HOLE);
+    if (hole < 0) return false;
+    const off_t end = std::min(hole, size);
+    if (!copy_bytes(from, to, data, end, shift)) return false;
+    begin = end;
+  }
+  return ftruncate(to, size + shift) == 0;
+}
+
 }  // namespace
 
 RollupStore::~RollupStore() {
   if (!changes_.empty()) roll_back();
+  for (const auto &[device, fd] : file_systems_) close(fd);
   if (folder_fd_ >= 0) close(folder_fd_);
 }
 
@@ -88,7 +119,10 @@ bool RollupStore::open(const std::string &folder) {
   if (mkdir(folder_.c_str(), kFolderMode) != 0 && errno != EEXIST)
     return fail_errno(folder_, "cannot be created");
   folder_fd_ = ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (folder_fd_ < 0) return fail_errno(folder_, "cannot be used as a folder");
+  struct stat info {};
+  if (folder_fd_ < 0 || fstat(folder_fd_, &info) != 0)
+    return fail_errno(folder_, "cannot be used as a folder");
+  folder_device_ = info.st_dev;
   if (flock(folder_fd_, LOCK_EX | LOCK_NB) == 0) return true;
   if (errno == EWOULDBLOCK) return fail(folder_, "another process is writing into this data folder");
   return fail_errno(folder_, "cannot be locked");
@@ -101,22 +135,32 @@ bool RollupStore::write(const SlotFile &file, std::span<const SlotWrite> slots) 
   {
     const ReachablePath reached(path, false);
     errno = reached.error();
-    if (errno == 0) handle = open_nnt(reached.path(), &message);
+    if (errno == 0) {
+      handle = open_nnt(reached.path(), &message);
+    } else {
+      message = strerror(errno);
+    }
   }
-  if (!handle) return errno == ENOENT ? write_copy(path, nullptr, file, slots) : fail(path, message);
+  if (!handle && errno == ENOENT) return write_copy(path, nullptr, file, slots);
+  if (!handle) return fail(path, message + "; mend it or move it away to go on");
 
   if (handle->hdr.period != file.period_s) {
     return fail(path, "holds slots of " + std::to_string(handle->hdr.period) + " s instead of " +
                           std::to_string(file.period_s) + " s; move it away to go on");
   }
-  read_stored(path, handle.get(), file, slots);
+  if (!read_stored(path, handle.get(), file, slots)) return fail_errno(path, "cannot be read");
   if (slots.front().start_s < handle->hdr.epoch) return write_copy(path, handle.get(), file, slots);
   return write_in_place(path, handle.get(), file, slots);
 }
 
 bool RollupStore::write_in_place(const std::string &path, nnt_handle *handle, const SlotFile &file,
                                  std::span<const SlotWrite> slots) {
-  if (!keep_old_bytes(path, handle, file, slots)) return fail_errno(path, "cannot be read");
+  struct stat info {};
+  if (!remember_file_system(path, handle, &info)) return false;
+  if (!keep_old_bytes(path, handle, info.st_size, file, slots)) return fail_errno(path, "cannot be read");
+  // Extended first, written then: a process that is killed in between leaves absent records, never a part of one.
+  const auto end = static_cast<off_t>(record_offset(handle->hdr, slots.back().start_s) + kRecordBytes);
+  if (end > info.st_size && ftruncate(handle->fd, end) != 0) return fail_errno(path, "cannot be written");
   return put_runs(handle, file, slots) || fail_errno(path, "cannot be written");
 }
 
@@ -139,11 +183,31 @@ bool RollupStore::write_copy(const std::string &path, nnt_handle *old, const Slo
   std::string message;
   const NntFile handle = open_nnt(copy, &message);
   if (!handle) return fail(path, message);
-  const char *merge_error = nullptr;
-  if (old != nullptr && nnt_merge(handle.get(), old, &merge_error) != 0) {
-    return fail(path, std::string("cannot be copied: ") + merge_error);
-  }
+  struct stat info {};
+  if (!remember_file_system(path, handle.get(), &info)) return false;
+  if (old != nullptr && !copy_old(path, handle.get(), old)) return false;
   return put_runs(handle.get(), file, slots) || fail_errno(path, "cannot be written");
+}
+
+bool RollupStore::copy_old(const std::string &path, nnt_handle *copy, nnt_handle *old) {
+  struct stat info {};
+  const auto records_at = static_cast<off_t>(kHeaderBytes);
+  const auto shift = static_cast<off_t>(record_offset(copy->hdr, old->hdr.epoch)) - records_at;
+  if (fstat(old->fd, &info) != 0 || !copy_with_holes(old->fd, copy->fd, records_at, info.st_size, shift)) {
+    return fail_errno(path, "cannot be copied");
+  }
+  // Others than root cannot give files away; the group's and the others' rights count more than the owner then.
+  [[maybe_unused]] const int ignored = fchown(copy->fd, info.st_uid, info.st_gid);
+  return fchmod(copy->fd, info.st_mode & 07777) == 0 || fail_errno(path, "cannot be copied");
+}
+
+bool RollupStore::remember_file_system(const std::string &path, nnt_handle *handle, struct stat *info) {
+  if (fstat(handle->fd, info) != 0) return fail_errno(path, "cannot be read");
+  if (info->st_dev == folder_device_ || file_systems_.contains(info->st_dev)) return true;
+  const int fd = fcntl(handle->fd, F_DUPFD_CLOEXEC, 0);
+  if (fd < 0) return fail_errno(path, "cannot be kept open");
+  file_systems_[info->st_dev] = fd;
+  return true;
 }
 
 std::vector<RollupStore::Run> RollupStore::runs_of(std::span<const SlotWrite> slots, uint32_t period_s) {
@@ -159,36 +223,33 @@ std::vector<RollupStore::Run> RollupStore::runs_of(std::span<const SlotWrite> sl
 }
 
 bool RollupStore::put_runs(nnt_handle *handle, const SlotFile &file, std::span<const SlotWrite> slots) {
-  std::vector<nnt_multitype> values;
+  std::vector<nnt_datum_v1> records;
   for (const Run &run : runs_of(slots, file.period_s)) {
-    values.clear();
+    records.clear();
     for (const SlotWrite &write : slots.subspan(run.first, run.count)) {
       write.slot->owners_read = std::max(write.slot->owners_read, static_cast<uint16_t>(file.owner + 1));
-      values.push_back(combined_slot(*write.slot, file.owner));
+      const nnt_multitype value = combined_slot(*write.slot, file.owner);
+      v1_encode(&value, &records.emplace_back());
     }
-    errno = 0;
-    const int count = static_cast<int>(run.count);
-    if (nnt_put_range(handle, slots[run.first].start_s, count, values.data()) != count) {
-      if (errno == 0) errno = ENOSPC;  // a short write without an error of its own: the device ended
+    const auto offset = static_cast<off_t>(record_offset(handle->hdr, slots[run.first].start_s));
+    if (!write_whole(handle->fd, reinterpret_cast<const char *>(records.data()), run.count * kRecordBytes,
+                     offset))
       return false;
-    }
-    records_written_ += run.count;
+    records_uncommitted_ += run.count;
   }
   return true;
 }
 
-bool RollupStore::keep_old_bytes(const std::string &path, nnt_handle *handle, const SlotFile &file,
-                                 std::span<const SlotWrite> slots) {
-  struct stat info {};
-  if (fstat(handle->fd, &info) != 0) return false;
-  const uint64_t size = static_cast<uint64_t>(info.st_size);
+bool RollupStore::keep_old_bytes(const std::string &path, nnt_handle *handle, off_t old_size,
+                                 const SlotFile &file, std::span<const SlotWrite> slots) {
+  const uint64_t size = static_cast<uint64_t>(old_size);
   for (const Run &run : runs_of(slots, file.period_s)) {
     const uint64_t begin = std::min(record_offset(handle->hdr, slots[run.first].start_s), size);
     const uint64_t end = std::min(begin + run.count * kRecordBytes, size);
     Undo change;
     change.path = path;
     change.offset = static_cast<off_t>(begin);
-    change.old_size = info.st_size;
+    change.old_size = old_size;
     change.old_bytes.resize(end - begin);
     if (!read_whole(handle->fd, change.old_bytes.data(), change.old_bytes.size(), change.offset))
       return false;
@@ -197,7 +258,7 @@ bool RollupStore::keep_old_bytes(const std::string &path, nnt_handle *handle, co
   return true;
 }
 
-void RollupStore::read_stored(const std::string &path, nnt_handle *handle, const SlotFile &file,
+bool RollupStore::read_stored(const std::string &path, nnt_handle *handle, const SlotFile &file,
                               std::span<const SlotWrite> slots) {
   uint64_t apocalypse = 0;
   if (nnt_get_apocalypse(handle, &apocalypse) != 0) apocalypse = UINT64_MAX;
@@ -205,7 +266,9 @@ void RollupStore::read_stored(const std::string &path, nnt_handle *handle, const
     OpenSlot &slot = *write.slot;
     if (file.owner < slot.owners_read || write.start_s >= apocalypse) continue;
     nnt_multitype value{};
+    errno = 0;
     if (nnt_get(handle, write.start_s, &value) != 1) {
+      if (errno != 0) return false;  // not damaged but out of reach, perhaps for now only
       if (damaged_records_++ == 0)
         first_damaged_ = path + ": the record of second " + std::to_string(write.start_s);
       continue;
@@ -214,6 +277,7 @@ void RollupStore::read_stored(const std::string &path, nnt_handle *handle, const
     if (slot.stored.empty()) slot.stored.resize(file.owner_count);
     slot.stored[file.owner] = value;
   }
+  return true;
 }
 
 bool RollupStore::commit() {
@@ -256,6 +320,7 @@ bool RollupStore::roll_back() {
     restored = false;
   }
   changes_.clear();
+  records_uncommitted_ = 0;
   return sync() && restored;
 }
 
@@ -291,10 +356,14 @@ void RollupStore::forget_changes() {
     unlink(with(reached.path(), kOldSuffix).c_str());
   }
   changes_.clear();
+  records_written_ += records_uncommitted_;
+  records_uncommitted_ = 0;
 }
 
 bool RollupStore::sync() {
-  return syncfs(folder_fd_) == 0 || fail_errno(folder_, "cannot be brought to the disk");
+  const bool others = std::all_of(file_systems_.begin(), file_systems_.end(),
+                                  [](const auto &entry) { return syncfs(entry.second) == 0; });
+  return (others && syncfs(folder_fd_) == 0) || fail_errno(folder_, "cannot be brought to the disk");
 }
 
 bool RollupStore::fail(const std::string &path, const std::string &what) {

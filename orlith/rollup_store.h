@@ -7,9 +7,11 @@
 #ifndef ORLITH_ROLLUP_STORE_H
 #define ORLITH_ROLLUP_STORE_H
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdint>
+#include <map>
 #include <span>
 #include <string>
 #include <vector>
@@ -50,6 +52,7 @@ class RollupStore {
   const std::string &error() const { return error_; }
   const std::string &unrestored() const { return unrestored_; }
 
+  // What the commits brought to the disk.
   uint64_t files_created() const { return files_created_; }
   uint64_t records_written() const { return records_written_; }
   // Records in the way of new slots whose checksum was wrong; they were replaced.
@@ -78,10 +81,12 @@ class RollupStore {
   bool write_copy(const std::string &path, nnt_handle *old, const SlotFile &file,
                   std::span<const SlotWrite> slots);
   bool put_runs(nnt_handle *handle, const SlotFile &file, std::span<const SlotWrite> slots);
-  bool keep_old_bytes(const std::string &path, nnt_handle *handle, const SlotFile &file,
+  bool keep_old_bytes(const std::string &path, nnt_handle *handle, off_t old_size, const SlotFile &file,
                       std::span<const SlotWrite> slots);
-  void read_stored(const std::string &path, nnt_handle *handle, const SlotFile &file,
+  bool read_stored(const std::string &path, nnt_handle *handle, const SlotFile &file,
                    std::span<const SlotWrite> slots);
+  bool copy_old(const std::string &path, nnt_handle *copy, nnt_handle *old);
+  bool remember_file_system(const std::string &path, nnt_handle *handle, struct stat *info);
   bool rename_copies();
   bool undo(const Undo &change);
   bool sync();
@@ -93,11 +98,15 @@ class RollupStore {
 
   std::string folder_;
   int folder_fd_ = -1;
+  dev_t folder_device_ = 0;
+  std::map<dev_t, int>
+      file_systems_;  // a descriptor on each that was written to: folders may be mounted or linked in
   std::vector<Undo> changes_;
   std::string error_;
   std::string unrestored_;
   uint64_t files_created_ = 0;
   uint64_t records_written_ = 0;
+  uint64_t records_uncommitted_ = 0;
   uint64_t damaged_records_ = 0;
   std::string first_damaged_;
 };

@@ -1,10 +1,12 @@
 #include "orlith/rollup_store.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -24,17 +26,23 @@ struct Fault {
     return calls_before-- == 0;
   }
 };
-Fault pwrite_fault, syncfs_fault, rename_fault, link_fault;
+Fault pread_fault, pwrite_fault, syncfs_fault, rename_fault, link_fault;
 bool pwrite_writes_half = false;
 
 }  // namespace
 
 extern "C" {
+ssize_t __real_pread(int fd, void *bytes, size_t length, off_t offset);
 ssize_t __real_pwrite(int fd, const void *bytes, size_t length, off_t offset);
 int __real_syncfs(int fd);
 int __real_rename(const char *from, const char *to);
 int __real_link(const char *from, const char *to);
 
+ssize_t __wrap_pread(int fd, void *bytes, size_t length, off_t offset) {
+  if (!pread_fault.hits()) return __real_pread(fd, bytes, length, offset);
+  errno = pread_fault.error;
+  return -1;
+}
 ssize_t __wrap_pwrite(int fd, const void *bytes, size_t length, off_t offset) {
   if (!pwrite_fault.hits()) return __real_pwrite(fd, bytes, length, offset);
   if (pwrite_writes_half) return __real_pwrite(fd, bytes, length / 2, offset);
@@ -71,7 +79,7 @@ class RollupStoreTest : public testing::Test {
   ~RollupStoreTest() override { clear_faults(); }
 
   static void clear_faults() {
-    pwrite_fault = syncfs_fault = rename_fault = link_fault = Fault();
+    pread_fault = pwrite_fault = syncfs_fault = rename_fault = link_fault = Fault();
     pwrite_writes_half = false;
   }
 
@@ -208,12 +216,105 @@ TEST_F(RollupStoreTest, ReplacesAndReportsADamagedRecord) {
   EXPECT_EQ(stored("a.nnt"), (Values{{120, 120}, {180, 180}}));
 }
 
+TEST_F(RollupStoreTest, ARecordThatCannotBeReadIsNotTakenForADamagedOne) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  ASSERT_TRUE(write(store, "a.nnt", {120, 180}) && store.commit());
+  const auto before = snapshot();
+  pread_fault = {1, EIO};  // the first reads the header
+  EXPECT_FALSE(write(store, "a.nnt", {180}));
+  EXPECT_EQ(store.error(), dir_.file("a.nnt") + ": cannot be read: Input/output error");
+  EXPECT_EQ(store.damaged_records(), 0U);
+  EXPECT_TRUE(store.roll_back());
+  EXPECT_EQ(snapshot(), before);
+}
+
+TEST_F(RollupStoreTest, HolesStayHolesWhenTheEpochMovesBack) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  constexpr uint64_t kLate = 60 * 10'000'000;
+  ASSERT_TRUE(write(store, "a.nnt", {600, kLate}) && store.commit());
+  ASSERT_TRUE(write(store, "a.nnt", {0, 60}) && store.commit()) << store.error();
+  struct stat info {};
+  ASSERT_EQ(stat(dir_.file("a.nnt").c_str(), &info), 0);
+  EXPECT_EQ(info.st_size, 16 + 32 * 10'000'001LL);
+  EXPECT_LT(info.st_blocks * 512, 1 << 20) << "320 MB of nothing take no room";
+  nnt_handle *handle = nnt_open(dir_.file("a.nnt").c_str(), nullptr);
+  ASSERT_NE(handle, nullptr);
+  for (const uint64_t start : {uint64_t{0}, uint64_t{60}, uint64_t{600}, kLate}) {
+    nnt_multitype value{};
+    EXPECT_EQ(nnt_get(handle, start, &value), 1);
+    EXPECT_EQ(value.value.v_double, static_cast<double>(start));
+  }
+  nnt_close(handle);
+}
+
+TEST_F(RollupStoreTest, AFileKeepsItsRightsWhenTheEpochMovesBack) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  ASSERT_TRUE(write(store, "a.nnt", {600}) && store.commit());
+  ASSERT_EQ(chmod(dir_.file("a.nnt").c_str(), 0604), 0);
+  ASSERT_TRUE(write(store, "a.nnt", {60}) && store.commit());
+  struct stat info {};
+  ASSERT_EQ(stat(dir_.file("a.nnt").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777U, 0604U);
+}
+
+TEST_F(RollupStoreTest, CountsOnlyRecordsThatWereCommitted) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  ASSERT_TRUE(write(store, "a.nnt", {600, 660}));
+  EXPECT_EQ(store.records_written(), 0U);
+  ASSERT_TRUE(store.commit());
+  ASSERT_TRUE(write(store, "a.nnt", {720}));
+  EXPECT_TRUE(store.roll_back());
+  ASSERT_TRUE(store.commit());
+  EXPECT_EQ(store.records_written(), 2U);
+}
+
+TEST_F(RollupStoreTest, AFileThatIsAFolderIsNamedWithItsReason) {
+  fs::create_directory(dir_.file("a.nnt"));
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  EXPECT_FALSE(write(store, "a.nnt", {60}));
+  EXPECT_EQ(store.error(), dir_.file("a.nnt") + ": Is a directory; mend it or move it away to go on");
+}
+
+TEST_F(RollupStoreTest, SaysWhyALongPathCannotBeReached) {
+  std::string file;
+  for (int i = 0; i < 24; ++i) file += std::string(240, 'A') + "/";
+  dir_.write(file.substr(0, 240), "in the way");
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  EXPECT_FALSE(write(store, file + "rest.nnt", {60}));
+  EXPECT_EQ(store.error(), dir_.file(file) + "rest.nnt: Not a directory; mend it or move it away to go on");
+}
+
+TEST_F(RollupStoreTest, SaysTheReasonOfAWriteThatEndedHalfWay) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  ASSERT_TRUE(write(store, "a.nnt", {60}) && store.commit());
+  const auto before = snapshot();
+  struct rlimit old_limit {};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old_limit), 0);
+  const auto old_action = signal(SIGXFSZ, SIG_IGN);
+  const struct rlimit limit = {16 + 32 * 3 + 8, old_limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  EXPECT_FALSE(write(store, "new.nnt", {120, 180, 240, 300, 360}));
+  EXPECT_EQ(store.error(), dir_.file("new.nnt") + ": cannot be written: File too large");
+  EXPECT_TRUE(store.roll_back());
+  setrlimit(RLIMIT_FSIZE, &old_limit);
+  signal(SIGXFSZ, old_action);
+  EXPECT_EQ(snapshot(), before);
+}
+
 TEST_F(RollupStoreTest, RefusesFilesThatAreNoneOfItsOwn) {
   RollupStore store;
   ASSERT_TRUE(store.open(dir_.path()));
   dir_.write("short.nnt", "NNT1");
   EXPECT_FALSE(write(store, "short.nnt", {120}));
-  EXPECT_EQ(store.error(), dir_.file("short.nnt") + ": could not read header");
+  EXPECT_EQ(store.error(),
+            dir_.file("short.nnt") + ": could not read header; mend it or move it away to go on");
 }
 
 TEST_F(RollupStoreTest, RefusesAFileOfAnotherPeriod) {
@@ -274,10 +375,9 @@ TEST_F(RollupStoreTest, AnyFailedCallLeavesTheFolderAsItWas) {
     const char *name;
     Fault *fault;
     int error;
-    bool half;
-  } const cases[] = {{"pwrite", &pwrite_fault, ENOSPC, false},  {"pwrite", &pwrite_fault, EIO, false},
-                     {"half a pwrite", &pwrite_fault, 0, true}, {"syncfs", &syncfs_fault, EIO, false},
-                     {"rename", &rename_fault, EIO, false},     {"link", &link_fault, EMLINK, false}};
+  } const cases[] = {{"pread", &pread_fault, EIO},   {"pwrite", &pwrite_fault, ENOSPC},
+                     {"pwrite", &pwrite_fault, EIO}, {"syncfs", &syncfs_fault, EIO},
+                     {"rename", &rename_fault, EIO}, {"link", &link_fault, EMLINK}};
   for (const auto &c : cases) {
     bool succeeded = false;
     int failures = 0;
@@ -286,7 +386,6 @@ TEST_F(RollupStoreTest, AnyFailedCallLeavesTheFolderAsItWas) {
       ASSERT_LT(nth, 40) << "the call is never made often enough to succeed at last";
       clear_faults();
       *c.fault = {nth, c.error};
-      pwrite_writes_half = c.half;
       RollupStore store;
       ASSERT_TRUE(store.open(dir_.path()));
       succeeded = write_every_kind(store, write);
@@ -305,6 +404,26 @@ TEST_F(RollupStoreTest, AnyFailedCallLeavesTheFolderAsItWas) {
     // For the next case the folder is put back by hand.
     for (const auto &[name, bytes] : snapshot()) fs::remove(dir_.file(name));
     for (const auto &[name, bytes] : before) dir_.write(name, bytes);
+  }
+}
+
+TEST_F(RollupStoreTest, AWriteThatTakesHalfIsFinished) {
+  std::map<std::string, std::string> whole;
+  bool fault_was_hit = true;
+  for (int nth = -1; fault_was_hit; ++nth) {  // the first time around without a fault
+    SCOPED_TRACE("pwrite number " + std::to_string(nth));
+    for (const auto &[name, bytes] : snapshot()) fs::remove(dir_.file(name));
+    RollupStore store;
+    ASSERT_TRUE(store.open(dir_.path()));
+    ASSERT_TRUE(write(store, "in_place.nnt", {600, 660}) && write(store, "rewound.nnt", {600}) &&
+                store.commit());
+    pwrite_fault = {nth, 0};
+    pwrite_writes_half = true;
+    ASSERT_TRUE(write_every_kind(store, write)) << store.error();
+    fault_was_hit = pwrite_fault.calls_before < 0;
+    clear_faults();
+    if (nth < 0) whole = snapshot();
+    EXPECT_EQ(snapshot(), whole);
   }
 }
 
