@@ -1,6 +1,7 @@
 // `orlith ingest`: from lines to rollup files.
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -59,36 +60,46 @@ std::optional<std::vector<bool>> choose_me(const Options &options, const topo_co
   return std::nullopt;
 }
 
-// Refuses missing inputs before anything is written.
-bool inputs_are_there(const std::vector<std::string> &files, Session &session) {
-  bool all = true;
+// Why an input cannot be read, as an errno; 0 when it can.
+int input_fault(const std::string &file) {
+  struct stat info {};
+  if (file == "-") return 0;
+  if (stat(file.c_str(), &info) != 0) return errno;
+  if (S_ISDIR(info.st_mode)) return EISDIR;
+  return access(file.c_str(), R_OK) == 0 ? 0 : errno;
+}
+
+// Refuses inputs that cannot be read before anything is written; the exit code.
+int check_inputs(const std::vector<std::string> &files, Session &session) {
+  int code = exit_fine;
   for (const std::string &file : files) {
-    struct stat info {};
-    if (file == "-" || stat(file.c_str(), &info) == 0) continue;
-    session.error(fmt::format("{}: {}", escaped(file), strerror(errno)));
-    all = false;
+    const int fault = input_fault(file);
+    if (fault == 0) continue;
+    session.error(fmt::format("{}: {}", escaped(file), strerror(fault)));
+    if (code != exit_failed) code = fault == ENOENT ? exit_not_found : exit_failed;
   }
-  return all;
+  return code;
 }
 
 // Folding twice is not folding once: what to do next depends on what is already stored.
+std::string how_to_go_on(const IngestRun &run, std::string_view then) {
+  const InputPosition &stored = run.stored_up_to();
+  if (stored.file == nullptr)
+    return fmt::format("nothing of the input was stored{}the same input can be given again", then);
+  return fmt::format(
+      "the input is stored up to {}:{} (byte {}), nothing after it{}go on after that line: what is stored "
+      "would "
+      "count twice if it were given again",
+      escaped(*stored.file), stored.line, stored.end_byte, then);
+}
+
 void explain_failure(const IngestRun &run, Session &session) {
   session.error(escaped(run.error()));
   if (!run.store().unrestored().empty()) {
     session.error(fmt::format("and could not be put back as it was: {}; check it with 'orlith nnt verify'",
                               escaped(run.store().unrestored())));
   }
-  const InputPosition &stored = run.stored_up_to();
-  if (stored.file == nullptr) {
-    session.error(
-        "nothing of the input was stored; once the cause is mended, the same input can be given again");
-    return;
-  }
-  session.error(
-      fmt::format("the input is stored up to {}:{} (byte {}), nothing after it; once the cause is mended, go "
-                  "on after that "
-                  "line: what is stored would count twice if it were given again",
-                  escaped(*stored.file), stored.line, stored.end_byte));
+  session.error(how_to_go_on(run, "; once the cause is mended, "));
 }
 
 int exit_code_of(IngestEnd end, const IngestRun &run) {
@@ -116,7 +127,8 @@ IngestOptions ingest_options(const Options &options, const topo_config *topology
   result.me = std::move(me);
   result.folder_per_node = options.me == "all";
   result.with_source = options.with_source;
-  result.latest_ms = session.clock.realtime_ms() + options.future_bound_s * 1000;
+  result.now_ms = [&clock = session.clock] { return clock.realtime_ms(); };
+  result.future_bound_ms = options.future_bound_s * 1000;
   return result;
 }
 
@@ -131,9 +143,9 @@ int run(const Options &options, Session &session) {
   start_library();
   const std::vector<std::string> files =
       options.files.empty() ? std::vector<std::string>{"-"} : options.files;
-  if (!inputs_are_there(files, session)) return exit_not_found;
-
-  int code = exit_failed;
+  int code = check_inputs(files, session);
+  if (code != exit_fine) return code;
+  code = exit_failed;
   const Topology topology = options.topology.empty()
                                 ? compile_topology(kLoneNodeTopology, "built-in topology", session)
                                 : load_topology(options.topology, &code, session);
@@ -159,11 +171,14 @@ int run(const Options &options, Session &session) {
   const double duration_s = static_cast<double>(session.clock.monotonic_ns() - started_ns) / 1e9;
 
   if (ingestion.store().damaged_records() > 0) {
-    session.warning(fmt::format("{} damaged records were in the way and are replaced; the first: {}",
+    session.warning(fmt::format("{} damaged records were in the way{}; the first: {}",
                                 ingestion.store().damaged_records(),
+                                end == IngestEnd::store_failed ? "" : " and are replaced",
                                 escaped(ingestion.store().first_damaged())));
   }
   if (end == IngestEnd::store_failed || end == IngestEnd::input_failed) explain_failure(ingestion, session);
+  if (end == IngestEnd::interrupted)
+    session.error("interrupted; " + how_to_go_on(ingestion, "; to finish, "));
   const IngestReport report = {ingestion, run_options, end, duration_s, reader.bytes_read()};
   session.settings.json ? write_summary_json(report, session) : write_summary_text(report, session);
   return exit_code_of(end, ingestion);

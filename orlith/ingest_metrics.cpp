@@ -13,8 +13,9 @@
 namespace {
 
 // Spellings are remembered to save work, not to be right: a stream that spells its names in ever new ways must
-// not fill the memory with them.
-constexpr size_t kMaxSpellings = 1000000;
+// not fill the memory with them. As much as a million names of usual length take.
+constexpr size_t kMaxSpellingBytes = size_t{256} << 20;
+constexpr size_t kSpellingOverheadBytes = 100;
 
 constexpr size_t kMaxNameBytes = 4095;
 constexpr size_t kUuidChars = 36;
@@ -68,9 +69,18 @@ Metric *IngestMetrics::identify(const mline_fields_t &fields, Kind &kind, bool i
 
   std::unique_ptr<Metric> &metric = kind.canonical[key_of(created)];
   if (metric == nullptr) metric = place(created, is_text);
-  if (kind.as_written.size() >= kMaxSpellings) kind.as_written.clear();
-  kind.as_written.emplace(spelling(fields), metric.get());
+  remember(spelling(fields), metric.get(), kind);
   return metric.get();
+}
+
+void IngestMetrics::remember(std::string_view as_written, Metric *metric, Kind &kind) {
+  const size_t bytes = as_written.size() + kSpellingOverheadBytes;
+  if (kind.spelling_bytes + bytes > kMaxSpellingBytes) {
+    kind.as_written.clear();
+    kind.spelling_bytes = 0;
+  }
+  kind.spelling_bytes += bytes;
+  kind.as_written.emplace(as_written, metric);
 }
 
 std::unique_ptr<Metric> IngestMetrics::place(const orlith_metric_locator_t *locator, bool is_text) {

@@ -57,11 +57,13 @@ class IngestMetrics {
   // A numeric and a text metric may share a name; they are two metrics.
   struct Kind {
     explicit Kind(const Hash &hash) : as_written(16, hash), canonical(16, hash) {}
-    Map<Metric *> as_written;  // check and name fields as their lines have them
+    Map<Metric *> as_written;   // check and name fields as their lines have them
+    size_t spelling_bytes = 0;  // about what as_written holds
     Map<std::unique_ptr<Metric>> canonical;
   };
 
   Metric *identify(const mline_fields_t &fields, Kind &kind, bool is_text, int *code);
+  static void remember(std::string_view as_written, Metric *metric, Kind &kind);
   std::unique_ptr<Metric> place(const orlith_metric_locator_t *locator, bool is_text);
 
   MetricsConfig config_;

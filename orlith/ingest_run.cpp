@@ -12,10 +12,11 @@
 
 namespace {
 
+// No file can begin later.
+constexpr uint64_t kLastStorable_ms = NNT_MAX_EPOCH * 1000 + 999;
 constexpr uint64_t kLinesPerTick = 4096;
 constexpr size_t kExampleBytes = 200;
 constexpr uint64_t kLinesPerClockLook = 16;
-constexpr time_t kPipeCheckpointInterval_s = 15;
 
 time_t monotonic_s() {
   struct timespec now {};
@@ -40,7 +41,9 @@ std::string name_fault(std::string_view name) {
 }  // namespace
 
 IngestRun::IngestRun(IngestOptions options)
-    : options_(std::move(options)), metrics_({options_.topology, options_.me, options_.periods_s}) {
+    : options_(std::move(options)),
+      metrics_({options_.topology, options_.me, options_.periods_s}),
+      last_checkpoint_s_(monotonic_s()) {
   totals_.samples_per_node.resize(options_.me.size());
 }
 
@@ -51,15 +54,12 @@ bool IngestRun::open() {
 }
 
 IngestEnd IngestRun::run(LineReader &reader, const std::function<void()> &tick) {
-  InputLine line;
-  InputPosition taken;
-  while (!interrupted() && reader.next(&line)) {
-    take(line);
-    taken = line.position;
-    if (checkpoint_is_due(reader) && !checkpoint(taken)) return IngestEnd::store_failed;
-    if (totals_.lines % kLinesPerTick == 0) tick();
-  }
-  if (taken.file != nullptr && !checkpoint(taken)) return IngestEnd::store_failed;
+  reader.on_idle([&] {
+    tick();
+    return !pipe_checkpoint_is_due(reader) || checkpoint();
+  });
+  if (!take_all(reader, tick) || (taken_up_to_.file != nullptr && !checkpoint()))
+    return IngestEnd::store_failed;
   if (!reader.error().empty()) {
     error_ = reader.error();
     return IngestEnd::input_failed;
@@ -67,14 +67,34 @@ IngestEnd IngestRun::run(LineReader &reader, const std::function<void()> &tick) 
   return interrupted() ? IngestEnd::interrupted : IngestEnd::complete;
 }
 
+bool IngestRun::take_all(LineReader &reader, const std::function<void()> &tick) {
+  InputLine line;
+  while (!interrupted() && reader.next(&line)) {
+    take(line);
+    taken_up_to_ = line.position;
+    if (checkpoint_is_due(reader) && !checkpoint()) return false;
+    if (totals_.lines % kLinesPerTick == 0) tick();
+  }
+  return !store_failed_;
+}
+
 // Files are cut into checkpoints by the slots they open alone, so that the same input always gives the same files.
 // A pipe may go on for ever, slowly: what it brought is written every now and then.
 bool IngestRun::checkpoint_is_due(const LineReader &reader) {
   if (open_slots_ >= slots_kept_open_ + options_.max_open_slots) return true;
-  if (reader.total_bytes() > 0 || totals_.lines % kLinesPerClockLook != 0) return false;
-  const time_t now_s = monotonic_s();
-  if (last_checkpoint_s_ == 0) last_checkpoint_s_ = now_s;
-  return now_s - last_checkpoint_s_ >= kPipeCheckpointInterval_s;
+  return totals_.lines % kLinesPerClockLook == 0 && pipe_checkpoint_is_due(reader);
+}
+
+bool IngestRun::pipe_checkpoint_is_due(const LineReader &reader) {
+  if (reader.total_bytes() > 0 || dirty_.empty()) return false;
+  return monotonic_s() - last_checkpoint_s_ >= options_.pipe_checkpoint_interval_s;
+}
+
+// Input may come for days through a pipe: the clock is asked again whenever the bound of its last answer is passed.
+bool IngestRun::lies_too_far_ahead(uint64_t whence_ms) {
+  latest_ms_ = kLastStorable_ms;
+  if (options_.now_ms) latest_ms_ = std::min(latest_ms_, options_.now_ms() + options_.future_bound_ms);
+  return whence_ms > latest_ms_;
 }
 
 void IngestRun::take(const InputLine &line) {
@@ -90,7 +110,8 @@ void IngestRun::take(const InputLine &line) {
   int code = mline_split(line.text.data(), line.text.size(), !options_.with_source, &fields);
   if (code != 1) return refuse(refusal_of_code(code), line);
   if (const auto fault = timestamp_fault(view(fields.timestamp))) return refuse(*fault, line);
-  if (fields.whence_ms > options_.latest_ms) return refuse(Refusal::in_the_future, line);
+  if (fields.whence_ms > latest_ms_ && lies_too_far_ahead(fields.whence_ms))
+    return refuse(Refusal::in_the_future, line);
   if (const auto fault = value_fault(static_cast<char>(fields.type), view(fields.value)))
     return refuse(*fault, line);
 
@@ -154,14 +175,10 @@ void IngestRun::refuse(Refusal refusal, const InputLine &line, const mline_field
   if (refusal == Refusal::name_refused) entry.detail = name_fault(view(fields->name));
 }
 
-bool IngestRun::checkpoint(const InputPosition &position) {
-  for (Metric *metric : dirty_) {
-    if (write_metric(*metric)) continue;
-    error_ = store_.error();
-    store_.roll_back();
-    return false;
-  }
-  if (!store_.commit()) {
+bool IngestRun::checkpoint() {
+  const bool written = std::all_of(dirty_.begin(), dirty_.end(), [&](Metric *m) { return write_metric(*m); });
+  if (!written || !store_.commit()) {
+    store_failed_ = true;
     error_ = store_.error();
     store_.roll_back();
     return false;
@@ -169,7 +186,7 @@ bool IngestRun::checkpoint(const InputPosition &position) {
   close_slots();
   slots_kept_open_ = open_slots_;
   last_checkpoint_s_ = monotonic_s();
-  stored_up_to_ = position;
+  stored_up_to_ = taken_up_to_;
   ++totals_.checkpoints;
   return true;
 }

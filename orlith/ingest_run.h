@@ -23,11 +23,15 @@ struct IngestOptions {
   std::string data_folder;
   std::vector<uint32_t> periods_s;
   const topo_config *topology = nullptr;
-  std::vector<bool> me;             // by node number
-  bool folder_per_node = false;     // one tree of files for each node that is me
-  bool with_source = false;         // lines carry the source field
-  uint64_t latest_ms = UINT64_MAX;  // a sample stamped later is refused
+  std::vector<bool> me;          // by node number
+  bool folder_per_node = false;  // one tree of files for each node that is me
+  bool with_source = false;      // lines carry the source field
+  // A sample stamped further ahead of the clock (milliseconds since the Unix epoch) is refused; without a clock none.
+  std::function<uint64_t()> now_ms;
+  uint64_t future_bound_ms = 0;
   size_t max_open_slots = size_t{1} << 18;
+  // What a pipe brought is written at least this often, also while it brings nothing more.
+  time_t pipe_checkpoint_interval_s = 15;
 };
 
 struct RefusalCount {
@@ -73,13 +77,16 @@ class IngestRun {
   const InputPosition &stored_up_to() const { return stored_up_to_; }
 
  private:
+  bool lies_too_far_ahead(uint64_t whence_ms);
+  bool take_all(LineReader &reader, const std::function<void()> &tick);
+  bool pipe_checkpoint_is_due(const LineReader &reader);
   bool checkpoint_is_due(const LineReader &reader);
   void take(const InputLine &line);
   void take_text(Metric &metric, const mline_fields_t &fields);
   void take_number(Metric &metric, const mline_fields_t &fields, const InputLine &line);
   void fold(Metric &metric, const metric_value_t &sample);
   void refuse(Refusal refusal, const InputLine &line, const mline_fields_t *fields = nullptr);
-  bool checkpoint(const InputPosition &position);
+  bool checkpoint();
   bool write_metric(Metric &metric);
   bool write_series(Metric &metric, SlotSeries &series);
   void close_slots();
@@ -90,8 +97,11 @@ class IngestRun {
   IngestTotals totals_;
   std::vector<Metric *> dirty_;
   size_t open_slots_ = 0;
+  uint64_t latest_ms_ = 0;      // what the clock allowed when it was last asked
   size_t slots_kept_open_ = 0;  // of these, left by the last checkpoint
-  time_t last_checkpoint_s_ = 0;
+  time_t last_checkpoint_s_;
+  bool store_failed_ = false;
+  InputPosition taken_up_to_;
   InputPosition stored_up_to_;
   std::string error_;
 };

@@ -18,6 +18,11 @@ std::string counted(uint64_t count, std::string_view what) {
   return fmt::format("{} {}", human_count(count), what);
 }
 
+std::string stored_text(const InputPosition &position) {
+  if (position.file == nullptr) return "nothing";
+  return fmt::format("up to {}:{} (byte {})", escaped(*position.file), position.line, position.end_byte);
+}
+
 void write_counts(const IngestReport &report, Session &session) {
   const IngestTotals &totals = report.run.totals();
   row(session, "lines",
@@ -35,6 +40,7 @@ void write_counts(const IngestReport &report, Session &session) {
     row(session, "time",
         fmt::format("{} to {}", iso_time(totals.first_ms / 1000), iso_time(totals.last_ms / 1000)));
   }
+  if (report.end != IngestEnd::complete) row(session, "stored", stored_text(report.run.stored_up_to()));
   const RollupStore &store = report.run.store();
   row(session, "files",
       fmt::format("{} written, {} of them new", human_count(totals.files),

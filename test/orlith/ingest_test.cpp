@@ -1,8 +1,12 @@
 // `orlith ingest` from lines to files, against a model that knows nothing of the library: it cuts lines at TABs,
 // reads numbers with the C library, and keeps plain sums.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libxml/tree.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdlib>
@@ -16,6 +20,7 @@
 
 #include "liborlith/nnt/nnt.h"
 #include "orlith/ingest_run.h"
+#include "orlith/signals.h"
 #include "test/orlith/tool_fixture.h"
 #include "test/support/temp_dir.h"
 
@@ -187,6 +192,31 @@ std::string random_lines(std::mt19937 &random, int count, bool in_order) {
   return lines;
 }
 
+// A topology of one node, for runs that are driven without the command line.
+struct LoneNode {
+  LoneNode() : document(topo_parse_document(kLoneNode.data(), kLoneNode.size(), nullptr)) {
+    topology = topo_compile(document, nullptr, nullptr);
+  }
+  ~LoneNode() {
+    topo_free(topology);
+    xmlFreeDoc(document);
+  }
+  LoneNode(const LoneNode &) = delete;
+  LoneNode &operator=(const LoneNode &) = delete;
+
+  IngestOptions options(const std::string &data) const {
+    IngestOptions result;
+    result.data_folder = data;
+    result.periods_s = {60};
+    result.topology = topology;
+    result.me = {true};
+    return result;
+  }
+
+  xmlDoc *document;
+  topo_config *topology;
+};
+
 class Ingest : public testing::Test {
  protected:
   int ingest(std::vector<std::string> arguments) {
@@ -246,26 +276,16 @@ TEST_F(Ingest, AMillionLinesOfADayAreStoredAndVerified) {
 TEST_F(Ingest, CheckpointsOnTheWayChangeNothing) {
   std::mt19937 random(18);
   const std::string lines = random_lines(random, 2000, false);
-  char *error = nullptr;
-  xmlDoc *document = topo_parse_document(kLoneNode.data(), kLoneNode.size(), &error);
-  topo_config *topology = topo_compile(document, nullptr, &error);
-  ASSERT_NE(topology, nullptr) << error;
-  {
-    IngestOptions options;
-    options.data_folder = data();
-    options.periods_s = {60, 300};
-    options.topology = topology;
-    options.me = {true};
-    options.max_open_slots = 100;
-    IngestRun run(options);
-    ASSERT_TRUE(run.open());
-    LineReader reader({dir_.write("lines", lines)}, [] { return false; });
-    EXPECT_EQ(run.run(reader, [] {}), IngestEnd::complete) << run.error();
-    EXPECT_GT(run.totals().checkpoints, 20U);
-  }
+  const LoneNode node;
+  IngestOptions options = node.options(data());
+  options.periods_s = {60, 300};
+  options.max_open_slots = 100;
+  IngestRun run(options);
+  ASSERT_TRUE(run.open());
+  LineReader reader({dir_.write("lines", lines)}, [] { return false; });
+  EXPECT_EQ(run.run(reader, [] {}), IngestEnd::complete) << run.error();
+  EXPECT_GT(run.totals().checkpoints, 20U);
   expect_folder_holds(data(), model_of(lines, {60, 300}));
-  topo_free(topology);
-  xmlFreeDoc(document);
 }
 
 TEST_F(Ingest, SeveralRunsAddUpLikeOne) {
@@ -373,6 +393,90 @@ TEST_F(Ingest, ThePastIsWelcomeAndTheFutureBounded) {
   expect_folder_holds(data(), model_of(ahead + early, {86400}));
   EXPECT_EQ(ingest({"--future-bound", "10", dir_.write("late", line(kNow_s + 60, "a", "n", "1"))}),
             exit_damaged);
+}
+
+TEST_F(Ingest, TheFutureBoundMovesWithTheClock) {
+  const LoneNode node;
+  IngestOptions options = node.options(data());
+  uint64_t now_ms = 1'000'000;
+  options.now_ms = [&] { return now_ms += 60'000; };  // a minute passes from look to look
+  options.future_bound_ms = 10'000;
+  IngestRun run(options);
+  ASSERT_TRUE(run.open());
+  std::string lines;
+  for (uint64_t time_s = 1000; time_s < 10'000; time_s += 30) lines += line(time_s, "a", "n", "1");
+  lines += line(1'000'000, "a", "n", "1");
+  LineReader reader({dir_.write("lines", lines)}, [] { return false; });
+  EXPECT_EQ(run.run(reader, [] {}), IngestEnd::complete) << run.error();
+  EXPECT_EQ(run.totals().samples, 300U);
+  EXPECT_EQ(run.totals().refused, 1U);
+}
+
+TEST_F(Ingest, TimesThatNoFileCanHoldAreRefusedWhateverTheBound) {
+  const std::string last = line(4'999'999'999, "a", "n", "1");
+  const std::string lines =
+      last + line(5'000'000'000, "a", "n", "1") + line(18446744073709552, "a", "n", "1");
+  EXPECT_EQ(ingest({"--future-bound", "1099511627776", dir_.write("lines", lines)}), exit_damaged) << err();
+  expect_folder_holds(data(), model_of(last, {60}));
+  EXPECT_THAT(out(), HasSubstr("2  lies further in the future"));
+}
+
+TEST_F(Ingest, APipeThatFallsSilentIsStoredUpToThere) {
+  const LoneNode node;
+  IngestOptions options = node.options(data());
+  options.pipe_checkpoint_interval_s = 0;
+  IngestRun run(options);
+  ASSERT_TRUE(run.open());
+  const std::string pipe = dir_.file("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const int fd = open(pipe.c_str(), O_RDWR | O_CLOEXEC);
+  const std::string lines = line(kNow_s, "a", "n", "1") + "M\t17";
+  ASSERT_EQ(write(fd, lines.data(), lines.size()), static_cast<ssize_t>(lines.size()));
+  LineReader reader({pipe}, [] { return false; });
+  bool stored_while_open = false;
+  const IngestEnd end = run.run(reader, [&] {
+    if (run.totals().checkpoints == 0) return;
+    stored_while_open = files_below(data()).size() == 1 && run.stored_up_to().line == 1;
+    close(fd);
+  });
+  EXPECT_EQ(end, IngestEnd::complete);
+  EXPECT_TRUE(stored_while_open);
+  EXPECT_EQ(run.totals().refused, 1U) << "the line that the pipe's end cut";
+}
+
+TEST_F(Ingest, AFolderAsInputIsToldBeforeAnythingIsWritten) {
+  EXPECT_EQ(ingest({dir_.write("lines", line(kNow_s, "a", "n", "1")), dir_.path()}), exit_failed);
+  EXPECT_EQ(err(), "orlith ingest: error: " + dir_.path() + ": Is a directory\n");
+  EXPECT_FALSE(fs::exists(data()));
+}
+
+TEST_F(Ingest, AnInterruptedRunSaysHowFarItCame) {
+  set_interrupted(true);
+  EXPECT_EQ(ingest({dir_.write("lines", line(kNow_s, "a", "n", "1"))}), exit_interrupted);
+  set_interrupted(false);
+  EXPECT_EQ(
+      err(),
+      "orlith ingest: error: interrupted; nothing of the input was stored; to finish, the same input can be "
+      "given again\n");
+  EXPECT_THAT(out(), HasSubstr("stored      nothing\n"));
+}
+
+TEST_F(Ingest, ALineOfUnknownTypeMakesNoMetric) {
+  EXPECT_EQ(ingest({dir_.write("lines", line(kNow_s, "a", "h", "1"))}), exit_damaged);
+  EXPECT_THAT(out(), HasSubstr("metrics     0 numeric, 0 text"));
+}
+
+// Runs the program itself with a limit on the size of files, as a shell would set it.
+TEST_F(Ingest, AFileSizeLimitIsAFailedWriteAndNothingIsLeft) {
+  std::string lines;
+  for (uint64_t slot = 0; slot < 1000; ++slot) lines += line(60 * slot, "a", "n", "1");
+  const std::string command = "ulimit -f 8; '" ORLITH_BINARY "' ingest --data '" + data() + "' '" +
+                              dir_.write("lines", lines) + "' >/dev/null 2>'" + dir_.file("err") + "'";
+  const int status = system(command.c_str());
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == exit_failed) << status;
+  EXPECT_THAT(dir_.read("err"), HasSubstr(".nnt: cannot be written: File too large"));
+  EXPECT_THAT(dir_.read("err"), HasSubstr("nothing of the input was stored"));
+  EXPECT_TRUE(files_below(data()).empty());
 }
 
 TEST_F(Ingest, TextsAreCountedApartAndTheLatestIsShown) {
