@@ -1,7 +1,16 @@
 #include "liborlith/util/liborlith_hooks.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+
+// Loadable modules walk the list with this layout.
+static_assert(sizeof(ruxo_hook_metric_filter_list) == 40 &&
+              offsetof(ruxo_hook_metric_filter_list, optional_name) == 0 &&
+              offsetof(ruxo_hook_metric_filter_list, proto) == 8 &&
+              offsetof(ruxo_hook_metric_filter_list, func) == 16 &&
+              offsetof(ruxo_hook_metric_filter_list, closure) == 24 &&
+              offsetof(ruxo_hook_metric_filter_list, next) == 32);
 
 // Threads: nodes are published by a releasing swap of this head and found by an acquiring load of it; since nodes are
 // immutable and never freed, a walk needs nothing more.

@@ -12,12 +12,12 @@ namespace {
 
 using testing::ElementsAre;
 
-// Filters cannot be removed, so a test that needs a list of its own puts the head back to null; the nodes stay
-// reachable from here.
+// Filters cannot be removed, so a test that needs a list of its own puts the head back to null. The nodes stay
+// reachable from here until the process has ended, so that a leak checker sees them.
 class MetricFilterHook : public testing::Test {
  protected:
   MetricFilterHook() {
-    static std::vector<ruxo_hook_metric_filter_list *> earlier_lists;
+    static auto &earlier_lists = *new std::vector<ruxo_hook_metric_filter_list *>;
     earlier_lists.push_back(nh_metric_filter_list);
     nh_metric_filter_list = nullptr;
   }
@@ -127,6 +127,33 @@ TEST_F(MetricFilterHook, AFilterWithoutAFunctionIsSkipped) {
   EXPECT_TRUE(metric_filter_hook_exists());
   EXPECT_EQ(metric_filter_hook_invoke("id", "name", 4, 1), RUXO_HOOK_DONE);
   EXPECT_EQ(calls.size(), 1u);
+}
+
+// Modules are compiled on their own: the numbers are what they answer with.
+TEST_F(MetricFilterHook, AnswersArePinned) {
+  EXPECT_EQ(static_cast<int>(RUXO_HOOK_CONTINUE), 0);
+  EXPECT_EQ(static_cast<int>(RUXO_HOOK_DONE), 1);
+  EXPECT_EQ(static_cast<int>(RUXO_HOOK_ABORT), 2);
+}
+
+int later_calls = 0;
+
+ruxo_hook_return_t refuse(void *, const char *, const char *, int, int) {
+  ++later_calls;
+  return RUXO_HOOK_ABORT;
+}
+
+ruxo_hook_return_t register_refusal(void *, const char *, const char *, int, int) {
+  metric_filter_hook_register("refuse", refuse, nullptr);
+  return RUXO_HOOK_DONE;
+}
+
+TEST_F(MetricFilterHook, AFilterRegisteredDuringAnInvocationIsSeenByTheNextOne) {
+  metric_filter_hook_register("register", register_refusal, nullptr);
+  EXPECT_EQ(metric_filter_hook_invoke("id", "name", 4, 1), RUXO_HOOK_DONE);
+  EXPECT_EQ(later_calls, 0);
+  EXPECT_EQ(metric_filter_hook_invoke("id", "name", 4, 1), RUXO_HOOK_ABORT);
+  EXPECT_EQ(later_calls, 1);
 }
 
 std::atomic<int> counted_calls{0};
