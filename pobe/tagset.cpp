@@ -1,8 +1,16 @@
+#include <cstddef>
 #include <cstdlib>
 
 #include "pobe/context_private.h"
 #include "pobe/tag_list_private.h"
 #include "pobe/text_private.h"
+
+// Hosts allocate these themselves.
+static_assert(sizeof(pobe_metric_tagset_t) == 24 && offsetof(pobe_metric_tagset_t, tags) == 0 &&
+              offsetof(pobe_metric_tagset_t, tag_count) == 8 &&
+              offsetof(pobe_metric_tagset_t, canonical_size) == 16);
+static_assert(sizeof(pobe_metric_tag_t) == 16 && offsetof(pobe_metric_tag_t, total_size) == 8 &&
+              offsetof(pobe_metric_tag_t, category_size) == 10);
 
 namespace pobe {
 namespace {

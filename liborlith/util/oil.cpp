@@ -13,9 +13,9 @@
 ruxo_log_stream_t oil_debug_ls = nullptr;
 ruxo_log_stream_t oil_error_ls = nullptr;
 
-static_assert(sizeof(oil_interval_t) == 8);
-static_assert(sizeof(oil_list_t) == 24 && offsetof(oil_list_t, entries) == 8 &&
-              offsetof(oil_list_t, lock) == 16);
+static_assert(sizeof(oil_interval_t) == 8 && offsetof(oil_interval_t, last) == 4);
+static_assert(sizeof(oil_list_t) == 24 && offsetof(oil_list_t, capacity) == 4 &&
+              offsetof(oil_list_t, entries) == 8 && offsetof(oil_list_t, lock) == 16);
 
 namespace liborlith {
 namespace {

@@ -1,5 +1,9 @@
 #include "liborlith/util/rw_buffer.h"
 
+#include <cstddef>
+
+static_assert(sizeof(rw_buffer_t) == sizeof(mem_reader_t) && offsetof(rw_buffer_t, mem) == 0);
+
 namespace {
 
 // Views from elsewhere are compared with the region too, so positions are compared as addresses: ordering

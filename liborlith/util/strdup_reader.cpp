@@ -1,7 +1,10 @@
 #include "liborlith/util/strdup_reader.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+
+static_assert(sizeof(strdup_reader_t) == sizeof(rw_buffer_t) && offsetof(strdup_reader_t, to_free) == 0);
 
 void strdup_reader_init(strdup_reader_t *s) {
   rw_buffer_init(&s->to_free);
