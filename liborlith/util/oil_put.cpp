@@ -4,8 +4,7 @@
 //   - it continues the last interval (or begins a new one after it);
 //   - it lies wholly in one gap, or before everything: an insertion;
 //   - it covers gaps between intervals that exist: a walk that closes them by moving starts down. The array
-//   keeps
-//     its length; neighbours that now touch stay two entries, which spares the readers a moved array.
+//     keeps its length; neighbours that now touch stay two entries, which spares the readers a moved array.
 #include <algorithm>
 
 #include "liborlith/util/oil_private.h"
@@ -41,8 +40,11 @@ int oil_insert_at_locked(oil_list_t *oil, Range range, int64_t i) noexcept {
     store(next->first, first);
     return 1;
   }
-  // A walk that ends at an interval above the bound hands over a range that began before that interval. What
-  // it covers up to there has been closed, so the new interval need not begin earlier, and the order holds.
+  // A walk that ends at an interval above the bound hands over a range that may have begun before that
+  // interval. Stored as it came, the new interval would begin before its neighbour, and the order that oil_valid
+  // promises and oil_find searches by would be lost. Order wins over keeping the range's own start: the walk has
+  // closed everything from there up to the neighbour, so beginning with it leaves out no time (tests:
+  // OilPut.NearTheEndOfTime*).
   const uint32_t begin = previous != nullptr ? std::max(first, previous->first) : first;
   oil_expand_locked(oil, i + 1);
   oil->entries[i + 1] = {begin, end};

@@ -357,41 +357,91 @@ TEST(OilPut, AgreesWithTheModelNearTheEndOfTime) {
   }
 }
 
-// What a put promises in terms of single times, whatever the intervals are.
-TEST(OilPut, CoversWhatItIsToldKeepsWhatWasAndAddsNothingBeyondTheTolerance) {
-  const unsigned seed = fresh_seed();
-  SCOPED_TRACE(testing::Message() << "seed " << seed);
-  std::mt19937 random(seed);
-  constexpr uint32_t limit = 4000;
-  for (int round = 0; round < 150; ++round) {
-    const OilPtr oil(oil_alloc());
-    const uint32_t max_length = round % 2 == 0 ? 12 : 700;
-    for (int step = 0; step < 60; ++step) {
-      const uint32_t first = static_cast<uint32_t>(random() % limit);
-      const uint32_t last = std::min(limit - 1, first + static_cast<uint32_t>(random() % max_length));
-      SCOPED_TRACE(testing::Message() << first << ".." << last);
-      const Intervals old_intervals = contents(oil.get());
-      const std::vector<bool> before = points_of(old_intervals, limit);
-      const int changed = oil_put(oil.get(), first, last);
-      const Intervals new_intervals = contents(oil.get());
-      const std::vector<bool> after = points_of(new_intervals, limit);
-
-      if (first == 0 && last == 0) continue;
-      ASSERT_EQ(changed == 1, new_intervals != old_intervals);
-      ASSERT_EQ(oil_valid(oil.get()), 1);
-      for (uint32_t t = 0; t < limit; ++t) {
-        if (before[t] || (t >= first && t <= last)) {
-          ASSERT_TRUE(after[t]) << t;
-        } else if (after[t]) {
-          // Filled in to bridge the gap to activity on the range's other side, which was near.
-          bool near = false;
-          for (uint32_t q = t + 1; q < limit && q <= last + 97 && t > last; ++q) near = near || before[q];
-          for (uint32_t q = first > 96 ? first - 96 : 0; q < t && t < first; ++q) near = near || before[q];
-          ASSERT_TRUE(near) << t;
-        }
-      }
+// A look-up of each time agrees with a linear scan, and the index it gives is of an interval with that time.
+void expect_find_sees(oil_list_t *oil, const Intervals &intervals, uint64_t base, uint32_t limit) {
+  for (uint32_t t = 0; t < limit; ++t) {
+    const auto time = static_cast<uint32_t>(base + t);
+    const auto holds_time = [time](const Interval &i) { return i.first <= time && time <= i.second; };
+    int idx = -2;
+    const bool found = oil_find(oil, time, &idx) == 1;
+    ASSERT_EQ(found, std::any_of(intervals.begin(), intervals.end(), holds_time)) << time;
+    if (found) {
+      ASSERT_TRUE(holds_time(intervals.at(static_cast<size_t>(idx)))) << time << " index " << idx;
     }
   }
+}
+
+// What a put promises in terms of single times, whatever the intervals are: it covers what it is told, keeps
+// what was covered, and adds nothing beyond the tolerance. Times are counted from `base`, over `limit` of them.
+void put_randomly_and_check_every_time(unsigned seed, uint64_t base, uint32_t limit, uint32_t max_length) {
+  SCOPED_TRACE(testing::Message() << "seed " << seed << " base " << base);
+  std::mt19937 random(seed);
+  const OilPtr oil(oil_alloc());
+  const auto active_times = [&](const Intervals &intervals) {
+    Intervals shifted;
+    for (const auto &[first, last] : intervals)
+      shifted.emplace_back(static_cast<uint32_t>(first - base), static_cast<uint32_t>(last - base));
+    return points_of(shifted, limit);
+  };
+  for (int step = 0; step < 60; ++step) {
+    const uint32_t first = static_cast<uint32_t>(random() % limit);
+    const uint32_t last = std::min(limit - 1, first + static_cast<uint32_t>(random() % max_length));
+    SCOPED_TRACE(testing::Message() << first << ".." << last);
+    const Intervals old_intervals = contents(oil.get());
+    const std::vector<bool> before = active_times(old_intervals);
+    const int changed =
+        oil_put(oil.get(), static_cast<uint32_t>(base + first), static_cast<uint32_t>(base + last));
+    const Intervals new_intervals = contents(oil.get());
+    const std::vector<bool> after = active_times(new_intervals);
+
+    if (base + last == 0) continue;
+    ASSERT_EQ(changed == 1, new_intervals != old_intervals);
+    ASSERT_EQ(oil_valid(oil.get()), 1);
+    for (uint32_t t = 0; t < limit; ++t) {
+      if (before[t] || (t >= first && t <= last)) {
+        ASSERT_TRUE(after[t]) << t;
+      } else if (after[t]) {
+        // Filled in to bridge the gap to activity on the range's other side, which was near.
+        bool near = false;
+        for (uint32_t q = t + 1; q < limit && q <= last + 97 && t > last; ++q) near = near || before[q];
+        for (uint32_t q = first > 96 ? first - 96 : 0; q < t && t < first; ++q) near = near || before[q];
+        ASSERT_TRUE(near) << t;
+      }
+    }
+    if (step % 10 == 9) expect_find_sees(oil.get(), new_intervals, base, limit);
+    if (testing::Test::HasFatalFailure()) return;
+  }
+}
+
+TEST(OilPut, CoversWhatItIsToldKeepsWhatWasAndAddsNothingBeyondTheTolerance) {
+  const unsigned seed = fresh_seed();
+  for (unsigned round = 0; round < 150; ++round) {
+    put_randomly_and_check_every_time(seed + round, 0, 4000, round % 2 == 0 ? 12 : 700);
+    if (HasFatalFailure()) return;
+  }
+}
+
+// There an interval that is followed by its own kind, not stretched, must not disturb the order or a look-up.
+TEST(OilPut, NearTheEndOfTimeEveryTimeIsFoundToo) {
+  const unsigned seed = fresh_seed();
+  constexpr uint32_t limit = 300;
+  for (unsigned round = 0; round < 150; ++round) {
+    put_randomly_and_check_every_time(seed + round, (uint64_t{1} << 32) - limit, limit,
+                                      round % 2 == 0 ? 12 : 300);
+    if (HasFatalFailure()) return;
+  }
+}
+
+// Two neighbours above the bound, and a range over both that begins before them and ends later.
+TEST(OilPut, NearTheEndOfTimeStartsNeverDecrease) {
+  const OilPtr oil = raw_list({{10, 20}, {100, 0xFFFFFFA5}, {200, 0xFFFFFFB0}});
+  EXPECT_EQ(oil_put(oil.get(), 15, 0xFFFFFFC0), 1);
+  EXPECT_THAT(contents(oil.get()),
+              ElementsAre(Pair(10, 20), Pair(21, 0xFFFFFFA5), Pair(200, 0xFFFFFFB0), Pair(200, 0xFFFFFFC0)));
+  EXPECT_EQ(oil_put(oil.get(), 5, 0xFFFFFFFF), 1);
+  EXPECT_THAT(contents(oil.get()), ElementsAre(Pair(5, 20), Pair(21, 0xFFFFFFA5), Pair(200, 0xFFFFFFB0),
+                                               Pair(200, 0xFFFFFFC0), Pair(200, 0xFFFFFFFF)));
+  EXPECT_EQ(oil_valid(oil.get()), 1);
 }
 
 }  // namespace
