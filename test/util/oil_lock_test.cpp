@@ -1,5 +1,6 @@
 #include "liborlith/util/oil_lock_private.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -9,11 +10,28 @@
 
 #include "liborlith/util/metric_locator_internal.h"
 #include "liborlith/util/oil.h"
+#include "liborlith/util/oil_private.h"
 #include "test/util/oil_support.h"
+
+// A waiter yields after some rounds (pl_relax). A test that must know that another thread has come to wait lets
+// that thread note its first yield here.
+extern "C" {
+int __real_sched_yield(void) noexcept;
+int __wrap_sched_yield(void) noexcept;
+}
+
+static thread_local std::atomic<bool> *waiting = nullptr;
+
+int __wrap_sched_yield(void) noexcept {
+  if (waiting != nullptr) *waiting = true;
+  return __real_sched_yield();
+}
 
 namespace {
 
 using namespace liborlith;
+using testing::ElementsAre;
+using testing::Pair;
 
 uint64_t now_in(const uint64_t &word) {
   return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
@@ -162,6 +180,126 @@ TEST(OilLock, KeepsItsPromisesUnderContention) {
   EXPECT_EQ(word, 0u);
   EXPECT_EQ(left, 2u * (rounds + (rounds + 2) / 3));
   EXPECT_EQ(sought, 4u * rounds);
+}
+
+// Runs `call` on a thread of its own while `held` says how this one holds the lock; it must come to wait. Then
+// does `meanwhile`, lets go and joins.
+enum class Held { shared, seek, write };
+template <typename Call, typename Meanwhile>
+void expect_waits(uint64_t *lock, Held held, Call call, Meanwhile meanwhile) {
+  const auto take = held == Held::shared ? pl_take_shared : held == Held::seek ? pl_take_seek : pl_take_write;
+  const auto drop = held == Held::shared ? pl_drop_shared : held == Held::seek ? pl_drop_seek : pl_drop_write;
+  take(lock);
+  std::atomic<bool> waits{false}, done{false};
+  std::thread other([&] {
+    waiting = &waits;
+    call();
+    waiting = nullptr;
+    done = true;
+  });
+  await([&] { return waits.load(); });
+  EXPECT_FALSE(done);
+  meanwhile();
+  drop(lock);
+  other.join();
+}
+template <typename Call>
+void expect_waits(uint64_t *lock, Held held, Call call) {
+  expect_waits(lock, held, call, [] {});
+}
+
+TEST(OilLocking, EveryReaderWaitsForAWriter) {
+  const OilPtr oil = raw_list({{10, 20}, {400, 500}});
+  const OilPtr other = raw_list({{10, 20}, {400, 500}});
+  uint64_t *lock = &oil->lock;
+  expect_waits(lock, Held::write, [&] { EXPECT_EQ(oil_size(oil.get()), 2u); });
+  expect_waits(lock, Held::write, [&] { EXPECT_EQ(oil_capacity(oil.get()), 2u); });
+  expect_waits(lock, Held::write, [&] { EXPECT_EQ(oil_epoch_apoc(oil.get(), nullptr, nullptr), 1); });
+  expect_waits(lock, Held::write, [&] { EXPECT_EQ(oil_find(oil.get(), 15, nullptr), 1); });
+  expect_waits(lock, Held::write, [&] { EXPECT_EQ(oil_range_contains(oil.get(), 1, 10, nullptr), 1); });
+  expect_waits(lock, Held::write, [&] { EXPECT_EQ(oil_exact_match(oil.get(), other.get()), 1); });
+  expect_waits(lock, Held::write, [&] { EXPECT_EQ(oil_exact_match(other.get(), oil.get()), 1); });
+  expect_waits(lock, Held::write, [&] { EXPECT_EQ(oil_valid(oil.get()), 1); });
+  expect_waits(lock, Held::write, [&] { EXPECT_EQ(contents(oil.get()).size(), 2u); });
+  expect_waits(lock, Held::write, [&] { EXPECT_EQ(oil_print(oil.get(), nullptr, 0), 19u); });
+  EXPECT_EQ(oil->lock, 0u);
+  EXPECT_EQ(other->lock, 0u);
+}
+
+TEST(OilLocking, ExactMatchHoldsTheFirstListWhileItWaitsForTheSecond) {
+  const OilPtr a = raw_list({{10, 20}});
+  const OilPtr b = raw_list({{10, 20}});
+  expect_waits(
+      &b->lock, Held::write, [&] { EXPECT_EQ(oil_exact_match(a.get(), b.get()), 1); },
+      [&] { EXPECT_EQ(now_in(a->lock), 4u); });
+  expect_waits(
+      &b->lock, Held::write, [&] { EXPECT_EQ(oil_exact_match(b.get(), a.get()), 1); },
+      [&] { EXPECT_EQ(now_in(a->lock), 0u); });
+}
+
+// Readers are held up only when entries move: here this thread itself is the reader.
+TEST(OilLocking, StretchingIntervalsDoesNotWaitForReaders) {
+  const OilPtr oil = raw_list({{100, 200}, {1000, 1100}, {2000, 2100}});
+  pl_take_shared(&oil->lock);
+  EXPECT_EQ(oil_put(oil.get(), 2050, 2200), 1) << "the last interval, from inside";
+  EXPECT_EQ(oil_put(oil.get(), 2250, 2300), 1) << "the last interval, over a small gap";
+  EXPECT_EQ(oil_put(oil.get(), 150, 1050), 1) << "a gap between two";
+  EXPECT_EQ(oil_put(oil.get(), 50, 150), 1) << "the first interval, downwards";
+  EXPECT_EQ(oil_put(oil.get(), 60, 70), 0) << "nothing";
+  pl_drop_shared(&oil->lock);
+  EXPECT_THAT(contents(oil.get()), ElementsAre(Pair(50, 200), Pair(201, 1100), Pair(2000, 2300)));
+}
+
+TEST(OilLocking, AppendsAndInsertionsWaitForReaders) {
+  const OilPtr oil(oil_alloc());
+  for (const uint32_t t : {1000u, 5000u, 100u, 3000u})
+    expect_waits(&oil->lock, Held::shared, [&] { EXPECT_EQ(oil_put(oil.get(), t, t), 1); });
+  EXPECT_EQ(contents(oil.get()).size(), 4u);
+  expect_waits(&oil->lock, Held::seek, [&] { EXPECT_EQ(oil_put(oil.get(), 1000, 1000), 0); });
+}
+
+TEST(OilLocking, AMergeReadsItsSourceAndWritesTheLocatorsList) {
+  orlith_metric_locator locator{};
+  locator.activity_oil = oil_alloc();
+  const OilPtr src = raw_list({{10, 20}});
+  expect_waits(&src->lock, Held::write, [&] { EXPECT_EQ(oil_merge_inplace(&locator, src.get()), 1); });
+  expect_waits(
+      &locator.activity_oil->lock, Held::shared,
+      [&] { EXPECT_EQ(oil_merge_inplace(&locator, src.get()), 0); },
+      [&] {
+        EXPECT_EQ(now_in(src->lock), 4u);
+        EXPECT_EQ(now_in(locator.activity_oil->lock), 0x500000008u);
+      });
+  oil_free(locator.activity_oil);
+}
+
+TEST(OilLocking, AFreeWaitsForTheWriterThatIsStillAtWork) {
+  oil_list_t *oil = oil_alloc();
+  pl_take_write(&oil->lock);
+  std::atomic<bool> waits{false};
+  std::thread other([&] {
+    waiting = &waits;
+    oil_free(oil);
+    waiting = nullptr;
+  });
+  await([&] { return waits.load(); });
+  oil_append_after_locked(oil, 1, 2);
+  pl_drop_write(&oil->lock);
+  other.join();
+}
+
+// The clone has made room for one interval by the time it waits, and finds three.
+TEST(OilLocking, ACloneOfAListThatHasGrownMeanwhileHoldsAllOfIt) {
+  const OilPtr oil = raw_list({{10, 20}});
+  OilPtr clone;
+  expect_waits(
+      &oil->lock, Held::write, [&] { clone.reset(oil_clone(oil.get())); },
+      [&] {
+        oil_append_after_locked(oil.get(), 400, 500);
+        oil_append_after_locked(oil.get(), 600, 700);
+      });
+  EXPECT_EQ(oil_capacity(clone.get()), 3u);
+  EXPECT_THAT(contents(clone.get()), ElementsAre(Pair(10, 20), Pair(400, 500), Pair(600, 700)));
 }
 
 // Readers over a list that several writers extend, insert into and merge into, all at once.
