@@ -1,6 +1,7 @@
 // The two written forms of a log line.
 #include <time.h>
 
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 
@@ -25,16 +26,29 @@ std::string_view level(const Record &record) {
   return head == "error" || head == "debug" ? head : "info";
 }
 
-// RFC 3339, UTC, milliseconds.
+// Decimal, with leading zeros up to `width`.
+void append_number(std::string &out, uint64_t value, size_t width = 1) {
+  char digits[24];
+  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+  const auto len = static_cast<size_t>(end - digits);
+  if (len < width) out.append(width - len, '0');
+  out.append(digits, len);
+}
+
+// RFC 3339, UTC, milliseconds. Most lines share their second with the one before.
 void append_time(std::string &out, uint64_t time_ms) {
-  const time_t seconds = static_cast<time_t>(time_ms / 1000);
-  struct tm utc {};
-  gmtime_r(&seconds, &utc);
-  char text[40];
-  const size_t len = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
-  out.append(text, len);
-  snprintf(text, sizeof text, ".%03uZ", static_cast<unsigned>(time_ms % 1000));
-  out += text;
+  thread_local time_t known_second = -1;
+  thread_local char known_text[40];
+  const auto second = static_cast<time_t>(time_ms / 1000);
+  if (second != known_second) {
+    struct tm utc {};
+    gmtime_r(&second, &utc);
+    strftime(known_text, sizeof known_text, "%Y-%m-%dT%H:%M:%S.", &utc);
+    known_second = second;
+  }
+  out += known_text;
+  append_number(out, time_ms % 1000, 3);
+  out += 'Z';
 }
 
 void append_hex(std::string &out, const char *format, unsigned value) {
@@ -70,10 +84,22 @@ bool append_short_escape(std::string &out, char c) {
   }
 }
 
+// How much of the text stands for itself: printable ASCII but the quote and the backslash.
+size_t plain_len(std::string_view text) {
+  size_t len = 0;
+  while (len < text.size() && text[len] >= ' ' && text[len] < '\x7f' && text[len] != '"' && text[len] != '\\')
+    ++len;
+  return len;
+}
+
 // The text as it stands between quotes. What is no character (a byte of broken UTF-8) becomes \xff in logfmt,
 // and in JSON, which has no such escape, the text "\xff".
 void append_escaped(std::string &out, std::string_view text, bool json) {
-  while (!text.empty()) {
+  for (;;) {
+    const size_t plain = plain_len(text);
+    out += text.substr(0, plain);
+    text.remove_prefix(plain);
+    if (text.empty()) return;
     const size_t len = ruxo::utf8_character_len(text);
     const std::string_view character = text.substr(0, len == 0 ? 1 : len);
     const unsigned first = static_cast<unsigned char>(character[0]);
@@ -97,20 +123,10 @@ void append_quoted(std::string &out, std::string_view text, bool json) {
   out += '"';
 }
 
-bool needs_quotes(std::string_view text) {
-  if (text.empty()) return true;
-  for (const char c : text) {
-    if (c <= ' ' || c == '=' || c == '"' || c == '\\' || c == '\x7f') return true;  // c < 0: beyond ASCII
-  }
-  return false;
-}
-
 void append_value(std::string &out, std::string_view text) {
-  needs_quotes(text) ? append_quoted(out, text, false) : void(out += text);
-}
-
-std::string source(const Record &record) {
-  return std::string(record.file) + ":" + std::to_string(record.line);
+  const bool bare =
+      !text.empty() && plain_len(text) == text.size() && text.find_first_of(" =") == std::string_view::npos;
+  bare ? void(out += text) : append_quoted(out, text, false);
 }
 
 void append_trace(std::string &out, uint64_t trace_id) {
@@ -129,9 +145,11 @@ void ruxo::append_logfmt(std::string &out, const Record &record) {
   out += " stream=";
   append_value(out, record.stream_name);
   out += " source=";
-  append_value(out, source(record));
+  append_value(out, record.file);
+  out += ':';
+  append_number(out, static_cast<uint64_t>(record.line));
   out += " task=";
-  out += std::to_string(record.task);
+  append_number(out, record.task);
   if (record.trace_id != 0) {
     out += " trace=";
     append_trace(out, record.trace_id);
@@ -148,10 +166,12 @@ void ruxo::append_json(std::string &out, const Record &record) {
   out += level(record);
   out += "\",\"stream\":";
   append_quoted(out, record.stream_name, true);
-  out += ",\"source\":";
-  append_quoted(out, source(record), true);
-  out += ",\"task\":";
-  out += std::to_string(record.task);
+  out += ",\"source\":\"";
+  append_escaped(out, record.file, true);
+  out += ':';
+  append_number(out, static_cast<uint64_t>(record.line));
+  out += "\",\"task\":";
+  append_number(out, record.task);
   if (record.trace_id != 0) {
     out += ",\"trace\":\"";
     append_trace(out, record.trace_id);

@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,26 +23,35 @@ using ruxo::Record;
 // Lines are collected up to this size and written together, in one system call.
 constexpr size_t kCollectBytes = size_t{64} << 10;
 
-// While it lives, a reader's closed pipe is an error of write() and does not kill the process, and the thread
-// cannot be cancelled half-way through a line.
-class UndisturbedWrites {
+// While it lives, the thread cannot be cancelled half-way through a line.
+class NoCancellation {
  public:
-  UndisturbedWrites() {
+  NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old_state_); }
+  ~NoCancellation() { pthread_setcancelstate(old_state_, nullptr); }
+  NoCancellation(const NoCancellation &) = delete;
+  NoCancellation &operator=(const NoCancellation &) = delete;
+
+ private:
+  int old_state_ = 0;
+};
+
+// While it lives, a pipe that its reader has closed is an error of write() and does not kill the process.
+class NoBrokenPipeSignal {
+ public:
+  NoBrokenPipeSignal() {
     sigset_t broken_pipe, pending;
     sigemptyset(&broken_pipe);
     sigaddset(&broken_pipe, SIGPIPE);
     sigpending(&pending);
     was_pending_ = sigismember(&pending, SIGPIPE) == 1;
     pthread_sigmask(SIG_BLOCK, &broken_pipe, &old_mask_);
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old_cancel_state_);
   }
-  ~UndisturbedWrites() {
+  ~NoBrokenPipeSignal() {
     if (pipe_broke && !was_pending_) take_back_signal();
     pthread_sigmask(SIG_SETMASK, &old_mask_, nullptr);
-    pthread_setcancelstate(old_cancel_state_, nullptr);
   }
-  UndisturbedWrites(const UndisturbedWrites &) = delete;
-  UndisturbedWrites &operator=(const UndisturbedWrites &) = delete;
+  NoBrokenPipeSignal(const NoBrokenPipeSignal &) = delete;
+  NoBrokenPipeSignal &operator=(const NoBrokenPipeSignal &) = delete;
 
   bool pipe_broke = false;
 
@@ -56,13 +66,12 @@ class UndisturbedWrites {
   }
 
   sigset_t old_mask_;
-  int old_cancel_state_ = 0;
   bool was_pending_ = false;
 };
 
 // The number of bytes written: all of them, or fewer with *fault set to the errno.
 size_t write_all(int fd, std::string_view bytes, int *fault) {
-  UndisturbedWrites writes;
+  const NoCancellation until_written;
   size_t written = 0;
   while (written < bytes.size()) {
     const ssize_t n = write(fd, bytes.data() + written, bytes.size() - written);
@@ -74,17 +83,30 @@ size_t write_all(int fd, std::string_view bytes, int *fault) {
       poll(&room, 1, -1);
     } else if (n == 0 || errno != EINTR) {
       *fault = n == 0 ? EIO : errno;
-      writes.pipe_broke = *fault == EPIPE;
       break;
     }
   }
   return written;
 }
 
+size_t write_all_to_pipe(int fd, std::string_view bytes, int *fault) {
+  NoBrokenPipeSignal guard;
+  const size_t written = write_all(fd, bytes, fault);
+  guard.pipe_broke = written < bytes.size() && *fault == EPIPE;
+  return written;
+}
+
+// True also when it cannot be told.
+bool may_be_pipe(int fd) {
+  struct stat what;
+  return fstat(fd, &what) != 0 || !(S_ISREG(what.st_mode) || S_ISCHR(what.st_mode));
+}
+
 class DescriptorOutlet final : public ruxo_log_outlet {
  public:
   // The path (null for standard error) is kept, for reopening.
-  constexpr DescriptorOutlet(int fd, const char *path, bool json) : path_(path), fd_(fd), json_(json) {}
+  constexpr DescriptorOutlet(int fd, const char *path, bool json, bool to_pipe)
+      : path_(path), fd_(fd), json_(json), to_pipe_(to_pipe) {}
 
   void take(const Record &record) override {
     if (lines_ == nullptr) lines_ = new std::string;
@@ -96,8 +118,8 @@ class DescriptorOutlet final : public ruxo_log_outlet {
     if (lines_ == nullptr || lines_->empty()) return;
     int fault = 0;
     // After a line that a fault cut off, the next one starts on its own.
-    if (torn_) torn_ = write_all(fd_, "\n", &fault) == 0;
-    const size_t written = torn_ ? 0 : write_all(fd_, *lines_, &fault);
+    if (torn_) torn_ = write_bytes("\n", &fault) == 0;
+    const size_t written = torn_ ? 0 : write_bytes(*lines_, &fault);
     if (written > 0) torn_ = (*lines_)[written - 1] != '\n';
     if (written == lines_->size()) {
       failing_ = false;
@@ -112,6 +134,7 @@ class DescriptorOutlet final : public ruxo_log_outlet {
     const int fd = open_to_append(path_);
     if (fd < 0) return false;
     close(std::exchange(fd_, fd));
+    to_pipe_ = may_be_pipe(fd);
     failing_ = false;
     return true;
   }
@@ -122,6 +145,10 @@ class DescriptorOutlet final : public ruxo_log_outlet {
   }
 
  private:
+  size_t write_bytes(std::string_view bytes, int *fault) const {
+    return to_pipe_ ? write_all_to_pipe(fd_, bytes, fault) : write_all(fd_, bytes, fault);
+  }
+
   // Once for each stretch of failures; standard error is the only place left to say so.
   void report_failure(int fault) {
     if (std::exchange(failing_, true) || path_ == nullptr) return;
@@ -137,6 +164,7 @@ class DescriptorOutlet final : public ruxo_log_outlet {
   const char *path_;
   int fd_;
   bool json_;
+  bool to_pipe_;  // or to what only may be one: writing then takes care of the signal of a broken pipe
   bool failing_ = false;
   bool torn_ = false;  // the last byte written was not the end of a line
 };
@@ -149,8 +177,8 @@ class MemoryOutlet final : public ruxo_log_outlet {
   std::deque<std::string> lines;  // a deque: texts handed out stay where they are
 };
 
-constinit ruxo::Immortal<DescriptorOutlet> stderr_logfmt{STDERR_FILENO, nullptr, false};
-constinit ruxo::Immortal<DescriptorOutlet> stderr_json{STDERR_FILENO, nullptr, true};
+constinit ruxo::Immortal<DescriptorOutlet> stderr_logfmt{STDERR_FILENO, nullptr, false, true};
+constinit ruxo::Immortal<DescriptorOutlet> stderr_json{STDERR_FILENO, nullptr, true, true};
 
 // Hands a new outlet to the framework for good. Null stays null.
 ruxo_log_outlet_t keep(ruxo_log_outlet_t outlet) {
@@ -169,7 +197,7 @@ MemoryOutlet *memory(ruxo_log_outlet_t outlet) {
 
 void ruxo::write_stderr(std::string_view text) noexcept {
   int ignored;
-  write_all(STDERR_FILENO, text, &ignored);
+  write_all_to_pipe(STDERR_FILENO, text, &ignored);
 }
 
 ruxo_log_outlet *ruxo::stderr_logfmt_outlet() {
@@ -184,8 +212,9 @@ ruxo_log_outlet_t ruxo_log_outlet_file(const char *path, ruxo_boolean json) {
   const int fd = DescriptorOutlet::open_to_append(path);
   if (fd < 0) return nullptr;
   char *const kept_path = strdup(path);
-  auto *const outlet =
-      kept_path == nullptr ? nullptr : new (std::nothrow) DescriptorOutlet(fd, kept_path, json);
+  auto *const outlet = kept_path == nullptr ? nullptr
+                                            : new (std::nothrow)
+                                                  DescriptorOutlet(fd, kept_path, json, may_be_pipe(fd));
   if (outlet == nullptr) {
     close(fd);
     free(kept_path);
