@@ -61,8 +61,8 @@ struct TokenerFree {
 };
 
 ruxo_json_object *parse(std::string_view text) {
-  // The library, even asked to be strict, takes "1." and raw control bytes, clamps integers and cuts member names
-  // at a NUL: so it only gets text that is known to be right.
+  // The library, even asked to be strict, takes "1." and raw control bytes, clamps integers and cuts member
+  // names at a NUL: so it only gets text that is known to be right.
   if (text.size() > RUXO_JSON_MAX_BYTES || !ruxo::json_is_well_formed(text)) return nullptr;
   const std::unique_ptr<json_tokener, TokenerFree> tokener(json_tokener_new_ex(RUXO_JSON_MAX_DEPTH + 2));
   if (tokener == nullptr) return nullptr;
@@ -148,12 +148,13 @@ ruxo_json_object *ruxo_json_new_boolean(ruxo_boolean value) {
   return outer(json_object_new_boolean(value));
 }
 
-void ruxo_json_object_set(ruxo_json_object *o, const char *key, ruxo_json_object *value) {
-  json_object_object_add(inner(o), key, inner(value));
+ruxo_boolean ruxo_json_object_set(ruxo_json_object *o, const char *key, ruxo_json_object *value) {
+  return ruxo_json_type(o) == RUXO_JSON_OBJECT && ruxo::utf8_is_valid(key) &&
+         json_object_object_add(inner(o), key, inner(value)) == 0;
 }
 
-void ruxo_json_array_add(ruxo_json_object *array, ruxo_json_object *value) {
-  json_object_array_add(inner(array), inner(value));
+ruxo_boolean ruxo_json_array_add(ruxo_json_object *array, ruxo_json_object *value) {
+  return ruxo_json_type(array) == RUXO_JSON_ARRAY && json_object_array_add(inner(array), inner(value)) == 0;
 }
 
 ruxo_json_type_t ruxo_json_type(const ruxo_json_object *o) {
@@ -193,8 +194,8 @@ ruxo_json_object *ruxo_json_array_get(const ruxo_json_object *array, size_t inde
                                                : nullptr;
 }
 
-// The library clamps what does not fit the type asked for: a negative value reads as 0 when unsigned, a large one as
-// INT64_MAX when signed. Between the two readings, the value is known.
+// The library clamps what does not fit the type asked for: a negative value reads as 0 when unsigned, a large
+// one as INT64_MAX when signed. Between the two readings, the value is known.
 ruxo_boolean ruxo_json_is_int64(const ruxo_json_object *o) {
   return ruxo_json_type(o) == RUXO_JSON_INT &&
          (json_object_get_int64(inner(o)) < 0 || json_object_get_uint64(inner(o)) <= INT64_MAX);

@@ -158,8 +158,8 @@ class DescriptorOutlet final : public ruxo_log_outlet {
     if (len > 0) ruxo::write_stderr({text, std::min(static_cast<size_t>(len), sizeof text - 1)});
   }
 
-  // Formatted and not yet written. Made with the first line: the outlets for standard error are there before any
-  // constructor runs, and are never destroyed.
+  // Formatted and not yet written. Made with the first line: the outlets for standard error are there before
+  // any constructor runs, and are never destroyed.
   std::string *lines_ = nullptr;
   const char *path_;
   int fd_;
@@ -171,10 +171,12 @@ class DescriptorOutlet final : public ruxo_log_outlet {
 
 class MemoryOutlet final : public ruxo_log_outlet {
  public:
-  void take(const Record &record) override { lines.push_back(record.message); }
+  void take(const Record &record) override { lines_.push_back(record.message); }
   void flush() override {}
+  std::deque<std::string> *memory_lines() override { return &lines_; }
 
-  std::deque<std::string> lines;  // a deque: texts handed out stay where they are
+ private:
+  std::deque<std::string> lines_;  // a deque: texts handed out stay where they are
 };
 
 constinit ruxo::Immortal<DescriptorOutlet> stderr_logfmt{STDERR_FILENO, nullptr, false, true};
@@ -187,10 +189,6 @@ ruxo_log_outlet_t keep(ruxo_log_outlet_t outlet) {
   const std::lock_guard guard(ruxo::log_lock());
   outlet->next_made = std::exchange(last_made, outlet);
   return outlet;
-}
-
-MemoryOutlet *memory(ruxo_log_outlet_t outlet) {
-  return static_cast<MemoryOutlet *>(outlet);
 }
 
 }  // namespace
@@ -234,16 +232,17 @@ ruxo_log_outlet_t ruxo_log_outlet_memory(void) {
 
 const char *ruxo_log_outlet_memory_line(ruxo_log_outlet_t outlet, size_t index) {
   const auto held = ruxo::drain_and_hold();
-  const auto &lines = memory(outlet)->lines;
-  return index < lines.size() ? lines[index].c_str() : nullptr;
+  const auto *const lines = outlet->memory_lines();
+  return lines != nullptr && index < lines->size() ? (*lines)[index].c_str() : nullptr;
 }
 
 size_t ruxo_log_outlet_memory_count(ruxo_log_outlet_t outlet) {
   const auto held = ruxo::drain_and_hold();
-  return memory(outlet)->lines.size();
+  const auto *const lines = outlet->memory_lines();
+  return lines == nullptr ? 0 : lines->size();
 }
 
 void ruxo_log_outlet_memory_clear(ruxo_log_outlet_t outlet) {
   const auto held = ruxo::drain_and_hold();
-  memory(outlet)->lines.clear();
+  if (auto *const lines = outlet->memory_lines()) lines->clear();
 }

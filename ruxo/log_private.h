@@ -1,15 +1,17 @@
-// How a log line travels: ruxo_log_vwrite() formats the message; enqueue() makes it an annotation of the thread's
-// span and puts it into the queue (log_queue.cpp) with the outlets that its stream has at that moment; the writer
-// thread, or whoever needs it written, gives it to them; an outlet that leaves the process formats the whole record
-// (log_format.cpp).
+// How a log line travels: ruxo_log_vwrite() formats the message; enqueue() makes it an annotation of the
+// thread's span and puts it into the queue (log_queue.cpp) with the outlets that its stream has at that
+// moment; the writer thread, or whoever needs it written, gives it to them; an outlet that leaves the process
+// formats the whole record (log_format.cpp).
 //
 //   caller: format message -> enqueue --> [queue] --> drain: outlet.take(record)..., outlet.flush()
 //
-// Logging works before main() and after it: everything global here is constant-initialised and never destroyed.
+// Logging works before main() and after it: everything global here is constant-initialised and never
+// destroyed.
 #ifndef RUXO_LOG_PRIVATE_H
 #define RUXO_LOG_PRIVATE_H
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -36,8 +38,8 @@ union Immortal {
 using OutletList = std::vector<ruxo_log_outlet *>;
 using SharedOutlets = std::shared_ptr<const OutletList>;  // replaced as a whole, never changed
 
-// Guards the streams' registry and settings, the spans, and the records in the queue. Held for moments; nothing
-// is written and no other lock is taken under it. Across a fork it is held, so a child finds it free.
+// Guards the streams' registry and settings, the spans, and the records in the queue. Held for moments;
+// nothing is written and no other lock is taken under it. Across a fork it is held, so a child finds it free.
 std::mutex &log_lock();
 
 // Threads: `live` is written under log_lock() and read without; everything else is guarded by log_lock().
@@ -74,8 +76,8 @@ struct Record {
 void append_logfmt(std::string &out, const Record &record);
 void append_json(std::string &out, const Record &record);
 
-// Keeps the record as an annotation of this thread's span, if that collects logs, and queues it for the stream's
-// outlets, if it is for them. Once synchronous, it has reached them on return.
+// Keeps the record as an annotation of this thread's span, if that collects logs, and queues it for the
+// stream's outlets, if it is for them. Once synchronous, it has reached them on return.
 void enqueue(const Stream &stream, Record &&record);
 
 // Gives everything that is queued to its outlets, on the calling thread.
@@ -101,6 +103,7 @@ struct ruxo_log_outlet {
   virtual void take(const ruxo::Record &record) = 0;
   virtual void flush() = 0;
   virtual bool reopen() { return true; }
+  virtual std::deque<std::string> *memory_lines() { return nullptr; }  // what a memory outlet holds
 
   ruxo_log_outlet *next_made = nullptr;  // all that were made, so that leak checkers see them as kept
 

@@ -4,8 +4,8 @@
 // (going synchronous, flushing, reading a memory outlet, leaving the process), a thread that finds the queue
 // full. So nothing here waits for the writer thread, and a forked child, which has none, loses nothing.
 //
-// Locks, taken in this order: `output` is held while records go to outlets, which keeps them in order; log_lock()
-// guards the fields of Queue that follow it.
+// Locks, taken in this order: `output` is held while records go to outlets, which keeps them in order;
+// log_lock() guards the fields of Queue that follow it.
 #include <pthread.h>
 #include <signal.h>
 

@@ -14,8 +14,8 @@
 #include "ruxo/log.h"
 
 /* The thread sanitizer does not see the library's atomics, which are assembly. All it has to know is that
- * what a section did comes before what is done once that section cannot look any more, and that a record is used by one
- * thread after the other. */
+ * what a section did comes before what is done once that section cannot look any more, and that a record is
+ * used by one thread after the other. */
 #if defined(__SANITIZE_THREAD__)
 #define RUXO_TSAN 1
 #elif defined(__has_feature)

@@ -39,8 +39,9 @@ uint32_t take_pair(const char *text, uint32_t &faults) {
   return high << 4 | low;
 }
 
-// The eight bytes whose digits begin at these places, the first one highest. The places are constants and a word
-// grows by shifting, so all is done in registers: an array of bytes would be written and at once read back.
+// The eight bytes whose digits begin at these places, the first one highest. The places are constants and a
+// word grows by shifting, so all is done in registers: an array of bytes would be written and at once read
+// back.
 template <size_t... kPlaces>
 uint64_t parse_half(const char *text, uint32_t &faults) {
   static_assert(sizeof...(kPlaces) == RUXO_UUID_SIZE / 2);

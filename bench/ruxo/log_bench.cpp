@@ -1,5 +1,6 @@
-// A call on a dead stream, which every hot path makes, beside an empty loop; a line written to /dev/null, beside
-// formatting its message alone and beside the sink library of the distribution writing a line of the same kind.
+// A call on a dead stream, which every hot path makes, beside an empty loop; a line written to /dev/null,
+// beside formatting its message alone and beside the sink library of the distribution writing a line of the
+// same kind.
 #include <benchmark/benchmark.h>
 #include <spdlog/async.h>
 #include <spdlog/sinks/basic_file_sink.h>

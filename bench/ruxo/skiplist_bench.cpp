@@ -1,5 +1,6 @@
-// Building and searching lists of ring points (32 bytes that compare with memcmp, in 64-byte slots). Neighbours:
-// the verification alone (one compare an element), an ordered set for building, a bare binary search for finding.
+// Building and searching lists of ring points (32 bytes that compare with memcmp, in 64-byte slots).
+// Neighbours: the verification alone (one compare an element), an ordered set for building, a bare binary
+// search for finding.
 #include <benchmark/benchmark.h>
 #include <string.h>
 

@@ -1,4 +1,5 @@
-// Base64 both ways: what is decoded encodes to the very text again, what is encoded decodes to the very bytes.
+// Base64 both ways: what is decoded encodes to the very text again, what is encoded decodes to the very
+// bytes.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>

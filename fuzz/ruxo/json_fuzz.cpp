@@ -1,5 +1,5 @@
-// JSON: never a crash, and what is accepted prints to a text that is accepted and prints the same. On short ASCII
-// texts without the things that only this reader refuses, it agrees with the model on what is JSON.
+// JSON: never a crash, and what is accepted prints to a text that is accepted and prints the same. On short
+// ASCII texts without the things that only this reader refuses, it agrees with the model on what is JSON.
 #include <cstdint>
 #include <cstdlib>
 #include <string>

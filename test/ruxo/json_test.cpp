@@ -181,6 +181,17 @@ TEST(Json, ObjectsHoldTheirMembersInOrder) {
   ruxo_json_free(o);
 }
 
+TEST(Json, AContainerThatRefusesAValueLeavesItWithTheCaller) {
+  ruxo_json_object *const object = ruxo_json_new_object();
+  ruxo_json_object *const value = ruxo_json_new_int(1);
+  EXPECT_FALSE(ruxo_json_array_add(object, value));
+  EXPECT_FALSE(ruxo_json_object_set(value, "a", object));
+  EXPECT_FALSE(ruxo_json_object_set(nullptr, "a", value));
+  EXPECT_FALSE(ruxo_json_object_set(object, "\xff", value));
+  EXPECT_TRUE(ruxo_json_object_set(object, "a", value));
+  EXPECT_EQ(text_and_free(object), "{\"a\":1}");
+}
+
 TEST(Json, ArraysAreIndexed) {
   ruxo_json_object *const array = ruxo_json_parse("[1,\"b\",null]");
   EXPECT_EQ(ruxo_json_array_length(array), 3u);

@@ -126,6 +126,14 @@ TEST(LogOutlet, MemoryKeepsMessagesUntilCleared) {
   EXPECT_EQ(ruxo_log_outlet_memory_line(outlet, 0), nullptr);
 }
 
+TEST(LogOutlet, OtherOutletsHoldNoMessages) {
+  const ruxo_log_outlet_t outlet = ruxo_log_outlet_file("/dev/null", false);
+  ruxo_log(stream_to(outlet), "text\n");
+  EXPECT_EQ(ruxo_log_outlet_memory_count(outlet), 0u);
+  EXPECT_EQ(ruxo_log_outlet_memory_line(outlet, 0), nullptr);
+  ruxo_log_outlet_memory_clear(outlet);
+}
+
 TEST(LogOutlet, AFullDiskIsReportedOnceOnStandardError) {
   FORKS_A_CHILD();
   const ChildResult child = run_in_child([] {

@@ -177,7 +177,8 @@ TEST(Memory, AThreadThatEndsInsideASectionHoldsNothingBack) {
   ruxo_memory_synchronize();
 }
 
-// Writers swap texts under readers that check them; the sanitizers see any read of a freed or half-written one.
+// Writers swap texts under readers that check them; the sanitizers see any read of a freed or half-written
+// one.
 TEST(Memory, ReadersNeverSeeFreedTexts) {
   constexpr int kSlots = 8;
   std::atomic<char *> slots[kSlots];

@@ -40,15 +40,16 @@ inline std::ptrdiff_t thread_count() {
 
 }  // namespace child_process
 
-// Asked by the leak checker as a process ends. In a forked child it cannot see the stacks of the threads that were
-// left behind, and takes what they held for leaks.
+// Asked by the leak checker as a process ends. In a forked child it cannot see the stacks of the threads that
+// were left behind, and takes what they held for leaks.
 extern "C" __attribute__((weak, visibility("default"))) int __lsan_is_turned_off() {
   return child_process::is_child;
 }
 
-// At the start of a test that forks. The thread sanitizer does not support threads on both sides of a fork, so its
-// builds skip such a test when earlier ones, in the same process, have left a thread behind (two are the
-// main one and the sanitizer's own); each test in a process of its own, as ctest runs them, is not skipped.
+// At the start of a test that forks. The thread sanitizer does not support threads on both sides of a fork,
+// so its builds skip such a test when earlier ones, in the same process, have left a thread behind (two are
+// the main one and the sanitizer's own); each test in a process of its own, as ctest runs them, is not
+// skipped.
 #define FORKS_A_CHILD()                                                                 \
   if (child_process::built_for_thread_sanitizer() && child_process::thread_count() > 2) \
   GTEST_SKIP() << "the thread sanitizer does not support threads on both sides of a fork"

@@ -27,9 +27,9 @@ class Pattern {
   regex_t compiled_;
 };
 
-// Whether a text that holds no byte above 0x7f and no NUL is one JSON value, whatever the size of its numbers and
-// whatever its \u escapes stand for. First every scalar becomes "v" and strings "s"; then "[v,v]" and "{s:v}"
-// become "v" until nothing changes.
+// Whether a text that holds no byte above 0x7f and no NUL is one JSON value, whatever the size of its numbers
+// and whatever its \u escapes stand for. First every scalar becomes "v" and strings "s"; then "[v,v]" and
+// "{s:v}" become "v" until nothing changes.
 inline bool is_ascii_json(std::string_view input) {
   static const Pattern string("^\"([^\"\\\x01-\x1f]|\\\\([\"\\/bfnrt]|u[0-9a-fA-F]{4}))*\"");
   static const Pattern number("^-?(0|[1-9][0-9]*)([.][0-9]+)?([eE][-+]?[0-9]+)?");
