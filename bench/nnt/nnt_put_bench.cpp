@@ -50,6 +50,7 @@ void BM_PutNextToPwrite(benchmark::State &state) {
 }
 BENCHMARK(BM_PutNextToPwrite)->Arg(1)->Arg(1000)->UseManualTime();
 
+#if NNT_BENCH_HAS_RRD
 void BM_PutNextToRrdUpdate(benchmark::State &state) {
   const size_t count = static_cast<size_t>(state.range(0));
   const int batch = count == 1 ? 16 : 2;
@@ -65,5 +66,6 @@ void BM_PutNextToRrdUpdate(benchmark::State &state) {
   nnt_close(h);
 }
 BENCHMARK(BM_PutNextToRrdUpdate)->Arg(1)->Arg(1000)->UseManualTime();
+#endif
 
 }  // namespace
