@@ -194,11 +194,15 @@ TEST(AddDataToBucket, TheFirstSampleIsTheSlot) {
   for (const auto &test : cases) {
     Slot slot;
     slot.add(test.sample.at(60000));
-    nnt_multitype expected{};
-    expected.type = test.type;
-    expected.count = 1;
-    expected.value.v_uint64 = test.bits;
-    EXPECT_EQ(memcmp(&slot.bucket, &expected, sizeof expected), 0) << test.type;
+    EXPECT_EQ(slot.bucket.type, test.type);
+    EXPECT_EQ(slot.bucket.count, 1U);
+    EXPECT_EQ(slot.bucket.value.v_uint64, test.bits);
+    EXPECT_EQ(slot.bucket.stddev_present, 0);
+    for (const float part :
+         {slot.bucket.stddev, slot.bucket.min, slot.bucket.max, slot.bucket.derivative,
+          slot.bucket.derivative_stddev, slot.bucket.counter, slot.bucket.counter_stddev}) {
+      EXPECT_EQ(part, 0.0F) << "the rest is as it was";
+    }
     ASSERT_NE(slot.last, nullptr);
     EXPECT_EQ(slot.last->type, test.sample.value.type);
     EXPECT_EQ(slot.last->whence_ms, 60000U);
