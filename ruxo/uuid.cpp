@@ -27,6 +27,17 @@ constexpr std::array<uint8_t, 256> kHexValues = hex_values();
 constexpr std::array<uint8_t, RUXO_UUID_SIZE> kDigitsAt = {0,  2,  4,  6,  9,  11, 14, 16,
                                                            19, 21, 24, 26, 28, 30, 32, 34};
 
+using DigitPair = std::array<char, 2>;
+
+constexpr std::array<DigitPair, 256> digit_pairs() {
+  constexpr char digits[] = "0123456789abcdef";
+  std::array<DigitPair, 256> pairs{};
+  for (size_t byte = 0; byte < pairs.size(); ++byte) pairs[byte] = {digits[byte >> 4], digits[byte & 15]};
+  return pairs;
+}
+
+constexpr std::array<DigitPair, 256> kDigitPairs = digit_pairs();
+
 uint8_t hex_value(char digit) {
   return kHexValues[static_cast<unsigned char>(digit)];
 }
@@ -78,11 +89,7 @@ int ruxo_uuid_parse_n(const char *text, size_t len, uint8_t *out) {
 }
 
 void ruxo_uuid_unparse_lower(const uint8_t *uuid, char *out) {
-  static constexpr char digits[] = "0123456789abcdef";
-  for (size_t i = 0; i < RUXO_UUID_SIZE; ++i) {
-    out[kDigitsAt[i]] = digits[uuid[i] >> 4];
-    out[kDigitsAt[i] + 1] = digits[uuid[i] & 15];
-  }
+  for (size_t i = 0; i < RUXO_UUID_SIZE; ++i) memcpy(out + kDigitsAt[i], kDigitPairs[uuid[i]].data(), 2);
   out[8] = out[13] = out[18] = out[23] = '-';
   out[kTextLen] = '\0';
 }
