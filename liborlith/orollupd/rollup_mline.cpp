@@ -6,7 +6,6 @@
 
 #include "liborlith/orollupd/rollup.h"
 #include "liborlith/orollupd/rollup_private.h"
-#include "liborlith/util/metric_locator_internal.h"
 #include "ruxo/uuid.h"
 
 namespace {
@@ -71,7 +70,6 @@ int split(const char *line, const char *end, bool bundled, mline_fields_t *out) 
 
 struct Identity {
   ruxo_uuid_t check_uuid;
-  const char *uuid_text;  // in the line
   int32_t account_id;
 };
 
@@ -93,7 +91,6 @@ int read_identity(const mline_fields_t &fields, Identity *out) {
     ruxo_log(orollup_debug_ls, "ruxo_uuid_parse(%.*s) failed\n", static_cast<int>(kUuidTextLen), uuid);
     return -7;
   }
-  out->uuid_text = uuid;
   out->account_id = check.len > kUuidTextLen ? find_account(fields) : 0;
   return rollup::has_ignored_extension(text_of(fields.name)) ? -10 : 1;
 }
@@ -102,8 +99,8 @@ int make_locator(const mline_fields_t &fields, const Identity &identity, orlith_
   mem_reader_t name;
   mem_reader_init_mem(&name, fields.name.text, fields.name.len);
   const int kind = fields.type == ORLITH_METRIC_STRING ? METRIC_TYPE_TEXT : METRIC_TYPE_NUMERIC;
-  orlith_metric_locator_t *made = metric_locator_create_for_line(
-      identity.account_id, kind, identity.check_uuid, identity.uuid_text, &name);
+  orlith_metric_locator_t *made =
+      orlith_metric_locator_create_full(identity.account_id, kind, identity.check_uuid, &name);
   if (made == nullptr) return -8;
   *locator = made;
   return 1;

@@ -123,8 +123,9 @@ bool parse_tags(Immutable &immutable) {
   return true;
 }
 
-// For a name that is canonical as given, which is recognised together with its tags in one pass (and then has no NUL
-// in it). Null for every other name, and while somebody follows the steps on a debug stream: then they are taken one by one.
+// For a name that is canonical as given, which is recognised together with its tags in one pass (and then has no
+// NUL in it). Null for every other name, and while somebody follows the steps on a debug stream: then they are
+// taken one by one.
 Block *make_short_way(std::string_view given, Key &key, const uint8_t *uuid) {
   if (given.empty() || given.size() >= kNameRoom) return nullptr;
   if (ruxo_log_stream_is_live(ml_debug_ls) || ruxo_log_stream_is_live(mn_debug_ls)) return nullptr;
@@ -209,15 +210,6 @@ extern "C" Locator *orlith_metric_locator_create_full(int32_t account_id, int ty
 extern "C" Locator *orlith_metric_locator_create(const uint8_t uuid[16], const mem_reader_t *name,
                                                  orlith_metric_locator_metric_type_e type) {
   return orlith_metric_locator_create_full(0, type, uuid, name);
-}
-
-Locator *metric_locator_create_for_line(int32_t account_id, int type, const uint8_t *check_uuid,
-                                        const char *uuid_text, const mem_reader_t *name) noexcept {
-  Key key;
-  // Lower-casing hexadecimal digits and dashes is setting one bit, which dashes and decimal digits have set.
-  for (size_t i = 0; i < kUuidTextLen; ++i) key.text[i] = static_cast<char>(uuid_text[i] | 0x20);
-  key.text[kUuidTextLen] = '-';
-  return create(key, check_uuid, name, account_id, type);
 }
 
 extern "C" Locator *orlith_metric_locator_create_from_parts(Immutable *immutable, int32_t account_id,

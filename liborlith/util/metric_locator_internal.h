@@ -62,12 +62,6 @@ static_assert(sizeof(orlith_metric_locator) == 64 && offsetof(orlith_metric_loca
 static_assert(sizeof(orlith_metric_locator_immutable_data) == 72);
 static_assert(sizeof(orlith_metric_locator_numeric_value_t) == 8 && sizeof(last_two_numeric_t) == 40);
 
-// orlith_metric_locator_create_full for a caller that has the UUID's 36 characters, in either case, beside its 16
-// bytes: they are what is hashed, so they need not be made again.
-orlith_metric_locator_t *metric_locator_create_for_line(int32_t account_id, int type,
-                                                        const uint8_t *check_uuid, const char *uuid_text,
-                                                        const mem_reader_t *name) noexcept;
-
 // The activity lock: a 32-bit word that is the sum of 4 per shared holder and 0x50004 per exclusive holder. A
 // writer announces itself by its addition and then waits for the readers to leave; a reader that sees a
 // writer's bits takes its addition back. Not recursive, not fair; held for a few instructions.
