@@ -547,7 +547,7 @@ TEST_F(Ingest, RandomBytesAreRefusedLineByLine) {
   std::mt19937 random(16);
   std::string bytes;
   for (int i = 0; i < 200'000; ++i)
-    bytes += static_cast<char>(random() % 3 == 0 ? "M\t\n1."[random() % 5] : random());
+    bytes += random() % 3 == 0 ? "M\t\n1."[random() % 5] : static_cast<char>(random());
   const int code = ingest({"--json", dir_.write("noise", bytes)});
   EXPECT_TRUE(code == exit_damaged) << code;
 }
