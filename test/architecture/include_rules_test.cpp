@@ -138,6 +138,15 @@ size_t width_of(const std::string &line) {
       std::count_if(line.begin(), line.end(), [](char c) { return (c & 0xc0) != 0x80; }));
 }
 
+// Expected outputs stand as they are, in raw strings: their lines have the width of the output.
+bool in_raw_string(const std::string &line, bool *inside) {
+  const bool was_inside = *inside;
+  if (line.find("R\"(") != std::string::npos) *inside = true;
+  const bool touched = was_inside || *inside;
+  if (line.find(")\"") != std::string::npos) *inside = false;
+  return touched;
+}
+
 TEST(Sources, AreNoLongerThanAPersonReads) {
   constexpr size_t kMaxLines = 700;
   constexpr size_t kMaxTestLines = 1000;  // a test file is read a case at a time
@@ -147,9 +156,10 @@ TEST(Sources, AreNoLongerThanAPersonReads) {
       std::ifstream file(path);
       std::string line;
       size_t lines = 0;
+      bool raw = false;
       while (std::getline(file, line)) {
         ++lines;
-        EXPECT_LE(width_of(line), kMaxColumns) << path << ":" << lines;
+        if (!in_raw_string(line, &raw)) EXPECT_LE(width_of(line), kMaxColumns) << path << ":" << lines;
       }
       EXPECT_LE(lines, folder == "test" ? kMaxTestLines : kMaxLines) << path;
     }
