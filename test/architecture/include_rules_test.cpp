@@ -159,7 +159,9 @@ TEST(Sources, AreNoLongerThanAPersonReads) {
       bool raw = false;
       while (std::getline(file, line)) {
         ++lines;
-        if (!in_raw_string(line, &raw)) EXPECT_LE(width_of(line), kMaxColumns) << path << ":" << lines;
+        if (!in_raw_string(line, &raw)) {
+          EXPECT_LE(width_of(line), kMaxColumns) << path << ":" << lines;
+        }
       }
       EXPECT_LE(lines, folder == "test" ? kMaxTestLines : kMaxLines) << path;
     }
