@@ -17,6 +17,7 @@ constexpr uint64_t kLastStorable_ms = NNT_MAX_EPOCH * 1000 + 999;
 constexpr uint64_t kLinesPerTick = 4096;
 constexpr size_t kExampleBytes = 200;
 constexpr uint64_t kLinesPerClockLook = 16;
+constexpr size_t kSlotsPerSeries = 4;
 
 time_t monotonic_s() {
   struct timespec now {};
@@ -81,7 +82,10 @@ bool IngestRun::take_all(LineReader &reader, const std::function<void()> &tick) 
 // Files are cut into checkpoints by the slots they open alone, so that the same input always gives the same files.
 // A pipe may go on for ever, slowly: what it brought is written every now and then.
 bool IngestRun::checkpoint_is_due(const LineReader &reader) {
-  if (open_slots_ >= slots_kept_open_ + options_.max_open_slots) return true;
+  // Every metric keeps a slot open; with many of them a checkpoint for a few slots each would spend its time on
+  // opening files.
+  const size_t may_open = std::max(options_.max_open_slots, kSlotsPerSeries * slots_kept_open_);
+  if (open_slots_ >= slots_kept_open_ + may_open) return true;
   return totals_.lines % kLinesPerClockLook == 0 && pipe_checkpoint_is_due(reader);
 }
 

@@ -1,8 +1,9 @@
 // One run of ingestion: lines in, slots folded in memory, checkpoints on the disk.
 //
 // The memory a run takes depends on the number of metrics and of open slots, not on the number of lines: when
-// `max_open_slots` are open, everything is written (a checkpoint) and all but each metric's newest slot is closed. A
-// checkpoint is whole or undone, so the input is always stored up to exactly one line.
+// `max_open_slots` are open (or a few for each metric, if that is more), everything is written (a checkpoint) and all
+// but each metric's newest slot is closed. A checkpoint is whole or undone, so the input is always stored up to
+// exactly one line.
 #ifndef ORLITH_INGEST_RUN_H
 #define ORLITH_INGEST_RUN_H
 
