@@ -22,6 +22,8 @@ function(orlith_library name)
   add_library(${name}_static STATIC)
   set_target_properties(${name} PROPERTIES OUTPUT_NAME ${name} EXPORT_NAME ${name}
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  target_link_options(${name} PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
+  set_target_properties(${name} PROPERTIES LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
   set_target_properties(${name}_static PROPERTIES OUTPUT_NAME ${name} EXPORT_NAME ${name}_static)
   if(name MATCHES "^lib")  # liborlith, not libliborlith
     set_target_properties(${name} ${name}_static PROPERTIES PREFIX "")

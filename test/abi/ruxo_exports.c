@@ -1,0 +1,233 @@
+#include <stdarg.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include "ruxo/b64.h"
+#include "ruxo/eventer.h"
+#include "ruxo/hash.h"
+#include "ruxo/json.h"
+#include "ruxo/log.h"
+#include "ruxo/memory.h"
+#include "ruxo/skiplist.h"
+#include "ruxo/util.h"
+#include "ruxo/uuid.h"
+#include "ruxo/zipkin.h"
+#include "test/abi/abi_checks.h"
+
+static void call_b64(void) {
+  char text[8];
+  char bytes[8];
+  CHECK(ruxo_b64_encode_len(4) == 8);
+  CHECK(ruxo_b64_encode("any", 3, text, sizeof text) == 4 && memcmp(text, "YW55", 4) == 0);
+  CHECK(ruxo_b64_max_decode_len(4) >= 3);
+  CHECK(ruxo_b64_decode(text, 4, bytes, sizeof bytes) == 3 && memcmp(bytes, "any", 3) == 0);
+}
+
+static int nothing_to_do(eventer_t e, int mask, void *closure, struct timeval *now) {
+  (void)e, (void)mask, (void)closure, (void)now;
+  return 0;
+}
+
+static void call_eventer(void) {
+  CHECK(eventer_name_callback("abi/nothing", nothing_to_do) == 0);
+  CHECK(eventer_callback_for_name("abi/nothing") == nothing_to_do);
+  CHECK_TEXT(eventer_name_for_callback(nothing_to_do), "abi/nothing");
+  eventer_t e = eventer_alloc();
+  eventer_set_mask(e, EVENTER_READ | EVENTER_TIMER);
+  CHECK(eventer_get_mask(e) == (EVENTER_READ | EVENTER_TIMER));
+  eventer_free(e);
+}
+
+static void add_value(const void *key, size_t key_len, void *data, void *closure) {
+  (void)key, (void)key_len;
+  *(int *)closure += *(int *)data;
+}
+
+static void add_one(void *data) {
+  ++*(int *)data;
+}
+
+static void call_hash(void) {
+  ruxo_hash_table table;
+  int two = 2, five = 5, sum = 0;
+  void *found = NULL;
+  ruxo_hash_init(&table);
+  CHECK(ruxo_hash_store(&table, "two", 3, &two) == 1);
+  CHECK(ruxo_hash_store(&table, "five", 4, &two) == 1);
+  CHECK(ruxo_hash_replace(&table, "five", 4, &five, NULL) == 1);
+  CHECK(ruxo_hash_retrieve(&table, "five", 4, &found) == 1 && found == &five);
+  CHECK(ruxo_hash_size(&table) == 2);
+  ruxo_hash_each(&table, add_value, &sum);
+  CHECK(sum == 7);
+  CHECK(ruxo_hash_delete(&table, "two", 3, add_one) == 1 && two == 3);
+  ruxo_hash_destroy(&table, add_one);
+  CHECK(five == 6);
+}
+
+static void call_json_makers(void) {
+  ruxo_json_object *o = ruxo_json_new_object();
+  ruxo_json_object *array = ruxo_json_new_array();
+  ruxo_json_array_add(array, ruxo_json_new_int(-1));
+  ruxo_json_array_add(array, ruxo_json_new_uint(UINT64_MAX));
+  ruxo_json_array_add(array, ruxo_json_new_double(0.5));
+  ruxo_json_array_add(array, ruxo_json_new_boolean(ruxo_true));
+  ruxo_json_array_add(array, ruxo_json_new_string("s"));
+  ruxo_json_array_add(array, ruxo_json_new_string_len("text", 2));
+  ruxo_json_object_set(o, "all", array);
+  CHECK_TEXT(ruxo_json_text(o), "{\"all\":[-1,18446744073709551615,0.5,true,\"s\",\"te\"]}");
+  ruxo_json_free(o);
+}
+
+static void call_json_readers(void) {
+  ruxo_boolean present = ruxo_false;
+  size_t len = 0;
+  ruxo_json_object *o = ruxo_json_parse("{\"list\":[7,1.5,true,\"s\"]}");
+  ruxo_json_object *list = ruxo_json_object_get(o, "list", &present);
+  CHECK(present && ruxo_json_type(list) == RUXO_JSON_ARRAY && ruxo_json_array_length(list) == 4);
+  ruxo_json_object *seven = ruxo_json_array_get(list, 0);
+  CHECK(ruxo_json_is_int64(seven) && ruxo_json_is_uint64(seven));
+  CHECK(ruxo_json_int(seven) == 7 && ruxo_json_uint(seven) == 7);
+  CHECK(ruxo_json_double(ruxo_json_array_get(list, 1)) == 1.5);
+  CHECK(ruxo_json_boolean(ruxo_json_array_get(list, 2)));
+  CHECK_TEXT(ruxo_json_string(ruxo_json_array_get(list, 3), &len), "s");
+  CHECK(len == 1);
+  ruxo_json_free(o);
+  o = ruxo_json_parse_n("[]and more", 2);
+  CHECK(ruxo_json_type(o) == RUXO_JSON_ARRAY);
+  ruxo_json_free(o);
+}
+
+static void call_memory(void) {
+  ruxo_memory_begin();
+  CHECK(ruxo_memory_in_cs());
+  ruxo_memory_end();
+  CHECK(!ruxo_memory_in_cs());
+  void *bytes = ruxo_memory_safe_malloc(8);
+  const char *zeros = ruxo_memory_safe_calloc(2, 4);
+  char *text = ruxo_memory_safe_strdup("text");
+  CHECK(bytes != NULL && zeros != NULL && zeros[7] == 0);
+  CHECK_TEXT(text, "text");
+  ruxo_memory_safe_free(bytes);
+  ruxo_memory_safe_free((void *)(uintptr_t)zeros);
+  ruxo_memory_safe_free(text);
+  ruxo_memory_synchronize();
+}
+
+static int compare_ints(const void *a, const void *b) {
+  const int left = *(const int *)a, right = *(const int *)b;
+  return (left > right) - (left < right);
+}
+
+static void call_skiplist(void) {
+  int numbers[] = {10, 20, 30, 40};
+  void *sorted[] = {&numbers[0], &numbers[1], &numbers[2]};
+  const int key = 25;
+  ruxo_skiplist_node node, prev, next;
+  ruxo_skiplist *list = ruxo_skiplist_alloc(compare_ints, compare_ints);
+  CHECK(ruxo_skiplist_build_strided(list, numbers, sizeof numbers[0], 4) == 0);
+  CHECK(ruxo_skiplist_size(list) == 4);
+  CHECK(ruxo_skiplist_build(list, sorted, 3) == 0 && ruxo_skiplist_size(list) == 3);
+  CHECK(ruxo_skiplist_data(ruxo_skiplist_insert(list, &numbers[3])) == &numbers[3]);
+  CHECK(ruxo_skiplist_find(list, &numbers[1], &node) == &numbers[1]);
+  CHECK(ruxo_skiplist_data(ruxo_skiplist_next(list, node)) == &numbers[2]);
+  CHECK(ruxo_skiplist_previous(list, node) == ruxo_skiplist_first(list));
+  CHECK(ruxo_skiplist_find_neighbors(list, &key, &node, &prev, &next) == NULL);
+  CHECK(ruxo_skiplist_data(prev) == &numbers[1] && ruxo_skiplist_data(next) == &numbers[2]);
+  CHECK(ruxo_skiplist_remove(list, &numbers[0], add_one) == 1 && numbers[0] == 11);
+  ruxo_skiplist_destroy(list, add_one);
+  CHECK(numbers[3] == 41);
+}
+
+static void call_util_and_uuid(void) {
+  static const char haystack[] = "some text";
+  struct stat status;
+  CHECK(ruxo_memmem(haystack, 9, "te", 2) == haystack + 5);
+  CHECK(mkdir_for_file("one/two/file", 0700) == 0 && stat("one/two", &status) == 0);
+  CHECK(ruxo_now_ms() > 1600000000000u);
+  CHECK(ruxo_task_id() != 0);
+
+  static const char text[] = "1f846f26-0cfd-4df5-b4f1-e0930604e577";
+  ruxo_uuid_t id, same, other;
+  char again[RUXO_UUID_STRING_SIZE];
+  CHECK(ruxo_uuid_parse(text, id) == 0 && id[0] == 0x1f);
+  CHECK(ruxo_uuid_parse_n(text, 36, same) == 0 && ruxo_uuid_compare(id, same) == 0);
+  ruxo_uuid_unparse_lower(id, again);
+  CHECK_TEXT(again, text);
+  ruxo_uuid_generate(other);
+  CHECK(ruxo_uuid_compare(id, other) != 0);
+}
+
+void call_ruxo_data(void) {
+  call_b64();
+  call_eventer();
+  call_hash();
+  call_json_makers();
+  call_json_readers();
+  call_memory();
+  call_skiplist();
+  call_util_and_uuid();
+}
+
+static void write_with_list(ruxo_log_stream_t ls, const char *format, ...) RUXO_PRINTF(2, 3);
+static void write_with_list(ruxo_log_stream_t ls, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  ruxo_log_vwrite(ls, __FILE__, __LINE__, format, args);
+  va_end(args);
+}
+
+static void call_streams(ruxo_log_stream_t ls, ruxo_log_outlet_t memory) {
+  CHECK(ruxo_log_stream_exists("abi/log") && ruxo_log_stream_find("abi/log") == ls);
+  CHECK_TEXT(ruxo_log_stream_name(ls), "abi/log");
+  CHECK(ruxo_log_stream_add_outlet(ls, memory));
+  ruxo_log_stream_disable(ls);
+  CHECK(!ruxo_log_stream_is_live(ls));
+  ruxo_log_stream_enable(ls);
+  CHECK(ruxo_log_has_material_output(ls) && ruxo_log_stream_is_live(ls));
+  ruxo_log_write(ls, __FILE__, __LINE__, "one %d\n", 1);
+  write_with_list(ls, "two %d\n", 2);
+  ruxo_log(ls, "three\n");
+  ruxo_log_flush();
+  CHECK(ruxo_log_outlet_memory_count(memory) == 3);
+  CHECK_TEXT(ruxo_log_outlet_memory_line(memory, 1), "two 2\n");
+  ruxo_log_outlet_memory_clear(memory);
+  CHECK(ruxo_log_outlet_memory_count(memory) == 0);
+}
+
+static void call_span(ruxo_log_stream_t ls) {
+  ruxo_zipkin_span *span = ruxo_zipkin_span_new("work");
+  CHECK_TEXT(ruxo_zipkin_span_name(span), "work");
+  CHECK(ruxo_zipkin_span_trace_id(span) != 0);
+  ruxo_zipkin_span_attach_logs(span, ruxo_true);
+  CHECK(ruxo_zipkin_span_logs_attached(span));
+  CHECK(ruxo_zipkin_set_active_span(span) == NULL && ruxo_zipkin_active_span() == span);
+  CHECK(__atomic_load_n(&ruxo_log_overrides, __ATOMIC_RELAXED) != 0 &&
+        ruxo_log_stream_is_live_overridden(ls));
+  ruxo_log(ls, "under the span\n");
+  CHECK(ruxo_zipkin_span_annotation_count(span) == 1);
+  CHECK(ruxo_zipkin_span_annotation(span, 0) != NULL);
+  CHECK(ruxo_zipkin_set_active_span(NULL) == span);
+  ruxo_zipkin_span_free(span);
+}
+
+void call_ruxo_log(void) {
+  ruxo_log_stream_t ls = ruxo_log_stream_new("abi/log");
+  CHECK(ruxo_error != NULL && ruxo_debug != NULL && ls != NULL);
+  CHECK(ruxo_log_outlet_stderr(ruxo_false) != NULL);
+  call_streams(ls, ruxo_log_outlet_memory());
+  call_span(ls);
+  ruxo_log_stream_remove_outlets(ls);
+  CHECK(!ruxo_log_has_material_output(ls));
+
+  ruxo_log_outlet_t file = ruxo_log_outlet_file("abi.log", ruxo_false);
+  CHECK(file != NULL && ruxo_log_stream_add_outlet(ls, file) && ruxo_log_outlet_reopen(file));
+  struct stat status;
+  ruxo_log_go_synch();
+  ruxo_log(ls, "to the file\n");
+  CHECK(stat("abi.log", &status) == 0 && status.st_size > 0);
+  ruxo_log_go_asynch();
+  ruxo_log_set_global_enabled(ruxo_true);
+  CHECK(ruxo_log_global_enabled());
+  ruxo_log_set_global_enabled(ruxo_false);
+  ruxo_log_stream_remove_outlets(ls);
+}
