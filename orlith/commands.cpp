@@ -12,6 +12,7 @@
   X(nnt_dump)              \
   X(nnt_plot)              \
   X(nnt_verify)            \
+  X(completion)            \
   X(help)
 
 #define ORLITH_DECLARE(name) extern const Command name##_command;

@@ -34,11 +34,12 @@ void install_signal_handlers() {
   sigemptyset(&action.sa_mask);
   // One chance to end in order; the default action is back for the second signal.
   action.sa_flags = static_cast<int>(SA_RESETHAND);
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-  struct sigaction hangup {};
-  if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN)
-    sigaction(SIGHUP, &action, nullptr);
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    // A shell starts background jobs with interrupts ignored: the key is not meant for them.
+    struct sigaction inherited {};
+    sigaction(number, nullptr, &inherited);
+    if (inherited.sa_handler != SIG_IGN) sigaction(number, &action, nullptr);
+  }
   signal(SIGPIPE, SIG_IGN);
   signal(SIGXFSZ, SIG_IGN);
 }
