@@ -24,7 +24,7 @@ const CLI::App *deepest_parsed(const CLI::App *app) {
 }
 
 std::string full_name(const CLI::App *app) {
-  const std::string own = app->get_name();
+  const std::string &own = app->get_name();
   return app->get_parent() == nullptr ? own : full_name(app->get_parent()) + " " + own;
 }
 

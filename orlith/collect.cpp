@@ -53,7 +53,7 @@ struct Options {
 // The check UUID given or kept; empty after an error, with `code` set.
 std::string find_check_uuid(const Options &options, Session &session, int &code) {
   if (!options.check.empty()) {
-    const std::string uuid = normalized_uuid(options.check);
+    std::string uuid = normalized_uuid(options.check);
     if (uuid.empty())
       session.error(fmt::format("--check: found {}, expected a UUID", in_quotes(options.check)));
     code = exit_usage;

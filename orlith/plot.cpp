@@ -171,7 +171,7 @@ uint64_t nice_time_step_s(uint64_t least_s) {
 }
 
 std::string time_label(uint64_t epoch_s, uint64_t step_s) {
-  const std::string iso = iso_time(epoch_s);
+  std::string iso = iso_time(epoch_s);
   if (iso.size() != 20) return iso;
   if (step_s >= 86400) return iso.substr(0, 10);
   return step_s >= 60 ? iso.substr(11, 5) : iso.substr(11, 8);
@@ -245,7 +245,7 @@ std::vector<double> nice_ticks(double low, double high, size_t most) {
     if (!(step > 0) || last - first + 1 > static_cast<double>(most)) continue;
     std::vector<double> ticks;
     // Multiples of the step, not sums of it: no rounding errors pile up.
-    for (double i = 0; i <= last - first; ++i) ticks.push_back((first + i) * step + 0.0);
+    for (int i = 0; i <= last - first; ++i) ticks.push_back((first + i) * step + 0.0);
     return ticks.empty() ? std::vector<double>{low} : ticks;
   }
   return {low};

@@ -131,7 +131,7 @@ std::string human_duration_s(double seconds) {
   if (seconds < 9.995) return fmt::format("{:.2f} s", seconds);
   if (seconds < 59.5) return fmt::format("{:.0f} s", seconds);
   if (seconds > 1e15) return "ages";
-  const auto whole_s = static_cast<uint64_t>(seconds + 0.5);
+  const auto whole_s = static_cast<uint64_t>(std::llround(seconds));
   const uint64_t days = whole_s / 86400, hours = whole_s / 3600 % 24, minutes = whole_s / 60 % 60;
   if (days > 0) return fmt::format("{} d {:02} h", days, hours);
   if (hours > 0) return fmt::format("{} h {:02} min", hours, minutes);
