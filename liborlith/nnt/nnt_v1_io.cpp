@@ -2,6 +2,7 @@
 #include "liborlith/nnt/nnt_io_private.h"
 #include "liborlith/nnt/nnt_v1.h"
 #include "liborlith/nnt/nnt_v1_private.h"
+#include "liborlith/nnt/nnt_v1_range_private.h"
 
 namespace {
 
@@ -23,7 +24,6 @@ class RecordBuffer {
   RecordBuffer &operator=(const RecordBuffer &) = delete;
 
   char *bytes() noexcept { return bytes_; }
-  char *record(size_t i) noexcept { return bytes_ + i * kRecordSize; }
   explicit operator bool() const noexcept { return bytes_ != nullptr; }
 
   static constexpr size_t kOnStack = 1024;
@@ -33,16 +33,6 @@ class RecordBuffer {
   nnt_io::heap_ptr<char> heap_;
   char *bytes_;
 };
-
-// Fills `records` from `v`; false when a value is refused.
-bool encode_range(const nnt_multitype *v, size_t count, char *records) noexcept {
-  for (size_t i = 0; i < count; ++i) {
-    // A value without a record leaves zeros: an absent slot.
-    if (nnt_v1::encode(v[i], records + i * kRecordSize) == 0) continue;
-    if (count == 1 || v[i].type != NNT_TYPE_ABSENT) return false;
-  }
-  return true;
-}
 
 int records_written(int64_t bytes) noexcept {
   if (bytes < 0 || bytes % static_cast<int64_t>(kRecordSize) != 0) return -1;
@@ -57,7 +47,7 @@ int put_one(int fd, const nnt_multitype &v, int64_t offset) noexcept {
 
 int put_many(int fd, const nnt_multitype *v, size_t count, int64_t offset) noexcept {
   RecordBuffer buffer(count);
-  if (!buffer || !encode_range(v, count, buffer.bytes())) return -1;
+  if (!buffer || !nnt_v1::encode_range(v, count, buffer.bytes())) return -1;
   return records_written(nnt_io::write_records_at(fd, buffer.bytes(), count * kRecordSize, offset));
 }
 
@@ -86,14 +76,6 @@ size_t records_to_read(int fd, size_t count, int64_t offset) noexcept {
   return held < count ? static_cast<size_t>(held) : count;
 }
 
-void decode_range(const char *records, size_t count, nnt_multitype *v) noexcept {
-  for (size_t i = 0; i < count; ++i) {
-    // A damaged record leaves its slot absent; the others are still good.
-    v[i].type = NNT_TYPE_ABSENT;
-    nnt_v1::decode(nnt_v1::load(records + i * kRecordSize), &v[i]);
-  }
-}
-
 void mark_absent(nnt_multitype *v, size_t count) noexcept {
   for (size_t i = 0; i < count; ++i) v[i].type = NNT_TYPE_ABSENT;
 }
@@ -106,7 +88,8 @@ bool read_slots(int fd, int64_t offset, size_t count, nnt_multitype *v) noexcept
   const int64_t got = nnt_io::read_at(fd, buffer.bytes(), due * kRecordSize, offset);
   if (got < 0 || got % static_cast<int64_t>(kRecordSize) != 0) return false;
   const size_t read = static_cast<size_t>(got) / kRecordSize;
-  decode_range(buffer.bytes(), read, v);
+  // A damaged record leaves its slot absent; the others are still good.
+  nnt_v1::decode_range(buffer.bytes(), read, nnt_v1::Refused::absent, v);
   mark_absent(v + read, count - read);
   return true;
 }

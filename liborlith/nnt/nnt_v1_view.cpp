@@ -6,6 +6,7 @@
 #include "liborlith/nnt/nnt_io_private.h"
 #include "liborlith/nnt/nnt_v1.h"
 #include "liborlith/nnt/nnt_v1_private.h"
+#include "liborlith/nnt/nnt_v1_range_private.h"
 
 namespace {
 
@@ -76,8 +77,7 @@ int nnt_v1_get_readfast_range(nnt_handle_readfast *rf, uint64_t whence, int cnt,
   clear_all(v, run.before);
   v += run.before;
   if (run.slots > 0) {
-    const char *records = record_at(rf, run.first_slot);
-    for (uint64_t i = 0; i < run.slots; ++i) read_record(records + i * kRecordSize, &v[i]);
+    nnt_v1::decode_range(record_at(rf, run.first_slot), run.slots, nnt_v1::Refused::zeros, v);
   }
   clear_all(v + run.slots, count - run.before - run.slots);
   return cnt;
