@@ -104,7 +104,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     nnt_multitype value;
   } choice{};
   const size_t chosen = size < sizeof(choice) ? size : sizeof(choice);
-  memcpy(&choice, data + size - chosen, chosen);
+  if (chosen > 0)
+    memcpy(&choice, data + size - chosen, chosen);  // an empty input may come without an address
 
   const Handle h = open_bytes(data, size);
   if (h == nullptr) return 0;
