@@ -26,10 +26,17 @@ std::vector<uint8_t> mutate(std::vector<uint8_t> bytes, std::mt19937 &random) {
   for (int i = 0; i < edits && !bytes.empty(); ++i) {
     const size_t at = random() % bytes.size();
     switch (random() % 4) {
-      case 0: bytes[at] = static_cast<uint8_t>(random()); break;
-      case 1: bytes[at] ^= static_cast<uint8_t>(1u << (random() % 8)); break;
-      case 2: bytes.resize(at); break;
-      default: bytes.insert(bytes.begin() + static_cast<std::ptrdiff_t>(at), bytes[random() % bytes.size()]);
+      case 0:
+        bytes[at] = static_cast<uint8_t>(random());
+        break;
+      case 1:
+        bytes[at] ^= static_cast<uint8_t>(1u << (random() % 8));
+        break;
+      case 2:
+        bytes.resize(at);
+        break;
+      default:
+        bytes.insert(bytes.begin() + static_cast<std::ptrdiff_t>(at), bytes[random() % bytes.size()]);
     }
   }
   return bytes;

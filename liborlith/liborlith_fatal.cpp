@@ -4,7 +4,8 @@
 #include <cstdlib>
 
 void liborlith_assert_failed(const char *condition, const char *file, int line) {
-  liborlith_fatal_at(ruxo_error, file, line, "[FATAL] assertion (%s) at %s:%d failed\n", condition, file, line);
+  liborlith_fatal_at(ruxo_error, file, line, "[FATAL] assertion (%s) at %s:%d failed\n", condition, file,
+                     line);
 }
 
 void liborlith_fatal_at(ruxo_log_stream_t ls, const char *file, int line, const char *format, ...) {

@@ -10,8 +10,8 @@
 
 #include "ruxo/guard_private.h"
 #include "ruxo/log_private.h"
-#include "ruxo/zipkin_private.h"
 #include "ruxo/util.h"
+#include "ruxo/zipkin_private.h"
 
 struct ruxo_zipkin_span {
   std::string name;

@@ -11,7 +11,8 @@
 // handle its old value back at the end.
 class LogCapture {
  public:
-  explicit LogCapture(ruxo_log_stream_t *handle, const char *name = "test/capture") : handle_(handle), old_(*handle) {
+  explicit LogCapture(ruxo_log_stream_t *handle, const char *name = "test/capture")
+      : handle_(handle), old_(*handle) {
     outlet_ = ruxo_log_outlet_memory();
     stream_ = ruxo_log_stream_new(name);
     ruxo_log_stream_remove_outlets(stream_);
