@@ -16,6 +16,7 @@
 #include "orlith/progress.h"
 #include "orlith/signals.h"
 #include "orlith/topology_file.h"
+#include "ruxo/uuid.h"
 
 namespace {
 
@@ -52,7 +53,12 @@ std::optional<std::vector<bool>> choose_me(const Options &options, const topo_co
     return std::nullopt;
   }
   std::vector<bool> me(count);
-  for (size_t i = 0; i < count; ++i) me[i] = options.me == topology.hc[i].id_str;
+  ruxo_uuid_t id;
+  if (ruxo_uuid_parse(options.me.c_str(), id) != 0) {
+    session.error(fmt::format("--me: found {}, expected a node's UUID, or all", in_quotes(options.me)));
+    return std::nullopt;
+  }
+  for (size_t i = 0; i < count; ++i) me[i] = ruxo_uuid_compare(id, topology.hc[i].id) == 0;
   if (std::find(me.begin(), me.end(), true) != me.end()) return me;
   *code = exit_not_found;
   session.error(fmt::format("--me {}: the topology has no such node; 'orlith topo show {}' lists them",

@@ -148,6 +148,7 @@ bool init_if_canonical(pobe_metric_tagset_t &set, std::string_view name,
 
 bool pobe_metric_tagset_init_if_canonical(pobe_metric_tagset_t *set, const char *name, size_t len,
                                           pobe_metric_tagset_validate_f validate) {
+  if (set == nullptr || (name == nullptr && len > 0)) return false;
   *set = {nullptr, 0, 0};
   return pobe::init_if_canonical(*set, {name, len}, validate);
 }

@@ -337,6 +337,19 @@ TEST_F(Ingest, MoreNodesThanOneNeedToBeToldApart) {
                        ": has 3 nodes; say which one this is with --me UUID, or --me all\n");
 }
 
+TEST_F(Ingest, ANodeIsFoundByItsIdInEitherCase) {
+  std::string upper = kNodes[0];
+  upper[1] = 'A';
+  const std::string topology = dir_.write("t.xml", topology_text());
+  EXPECT_EQ(ingest({"--topology", topology, "--me", upper, dir_.write("lines", "")}), 0) << err();
+}
+
+TEST_F(Ingest, WhatIsNoIdIsAUsageError) {
+  const std::string topology = dir_.write("t.xml", topology_text());
+  EXPECT_EQ(ingest({"--topology", topology, "--me", "node1", dir_.write("lines", "")}), exit_usage);
+  EXPECT_EQ(err(), "orlith ingest: error: --me: found 'node1', expected a node's UUID, or all\n");
+}
+
 TEST_F(Ingest, AnUnknownNodeIsNotFound) {
   const std::string topology = dir_.write("t.xml", topology_text());
   EXPECT_EQ(ingest({"--topology", topology, "--me", kCheck, dir_.write("lines", "")}), exit_not_found);
