@@ -84,27 +84,37 @@ int32_t gallop_down(Ring ring, int32_t first, int32_t end, Location location) {
   return lower_bound(ring, end - std::min(stride, end - first), end, location);
 }
 
-// The first point that is not below the location, between the hints of its bucket. Locations are spread evenly, so the
-// place of this one in its bucket tells by proportion where to look; counting the points below it in a small
-// window there needs no branches and touches neighbouring memory. The rest is rare: the answer is not inside the
-// window, or a point shares the location's prefix.
-int32_t first_not_below(Ring ring, Location location) {
+// The rare cases of the search below: the ring is shorter than the window, the answer is not inside the window, or a
+// point shares the location's prefix.
+[[gnu::noinline]] int32_t search_beside(Ring ring, Location location, fast_search_hints_t hint,
+                                        int32_t begin) {
+  if (hint.upper < kWindow) return lower_bound(ring, hint.lower, hint.upper + 1, location);
+  const int32_t window_last = begin + kWindow - 1;
+  if (is_below(ring.slots[window_last], location)) {
+    return gallop_up(ring, window_last + 1, hint.upper + 1, location);
+  }
+  return gallop_down(ring, hint.lower, window_last, location);
+}
+
+// The first point that is not below the location, between the hints of its bucket. Locations are spread evenly,
+// so the place of this one in its bucket tells by proportion where to look; counting the points below it in a
+// small window there needs no branches and touches neighbouring memory. Placement waits for memory, and the
+// fewer instructions it takes, the further the processor runs ahead to the next locations: hence the care here.
+inline int32_t first_not_below(Ring ring, Location location) {
   const fast_search_hints_t hint = ring.hints[location.prefix >> (64 - FAST_SIZE_BITS)];
-  if (hint.upper < kWindow) [[unlikely]]
-    return lower_bound(ring, hint.lower, hint.upper + 1, location);
   const uint64_t fraction = (location.prefix << FAST_SIZE_BITS) >> 32;
   const uint64_t span = static_cast<uint64_t>(hint.upper - hint.lower);
   const int32_t guess = hint.lower + static_cast<int32_t>((fraction * span) >> 32);
   const int32_t begin = std::min(std::max(guess - kWindow / 2, 0), hint.upper + 1 - kWindow);
+  if (begin < 0) [[unlikely]]
+    return search_beside(ring, location, hint, begin);
   int32_t below = 0;
+#pragma GCC unroll 8
   for (int32_t i = 0; i < kWindow; ++i) below += prefix_of(ring.slots[begin + i]) < location.prefix;
   const bool is_inside = below < kWindow && (below > 0 || begin <= hint.lower);
   if (is_inside && prefix_of(ring.slots[begin + below]) != location.prefix) [[likely]]
     return begin + below;
-  const int32_t window_last = begin + kWindow - 1;
-  if (is_below(ring.slots[window_last], location))
-    return gallop_up(ring, window_last + 1, hint.upper + 1, location);
-  return gallop_down(ring, hint.lower, window_last, location);
+  return search_beside(ring, location, hint, begin);
 }
 
 int32_t search(Ring ring, Location location) {
@@ -143,11 +153,10 @@ int32_t first_in_half(Ring ring, int32_t index, bool upper) {
   return index;
 }
 
-// The first point from `index` on whose node is not yet an owner; one that has to be walked to must also be on the
-// wanted side. Once round the ring without one means that there are fewer eligible nodes than copies.
-int32_t first_new_owner(Ring ring, int32_t index, topo_host_ringside_t side, host_config *const *loc,
-                        int owner_count) {
-  if (!contains_node(loc, owner_count, ring.slots[index].node)) return index;
+// The first point after `index` on the wanted side whose node is not yet an owner. Once round the ring without one
+// means that there are fewer eligible nodes than copies.
+[[gnu::noinline]] int32_t walk_to_new_owner(Ring ring, int32_t index, topo_host_ringside_t side,
+                                            host_config *const *loc, int owner_count) {
   for (int32_t steps = 0; steps < ring.last; ++steps) {
     index = successor(ring, index);
     const host_config *node = ring.slots[index].node;
@@ -165,7 +174,9 @@ topo_host_ringside_t side_of_half(bool upper) {
 template <bool sided>
 int32_t take_owner(Ring ring, int32_t index, bool upper, host_config **loc, int i) {
   if (sided) index = first_in_half(ring, index, upper);
-  index = first_new_owner(ring, index, sided ? side_of_half(upper) : TOPO_RINGSIDE_BOTH, loc, i);
+  if (contains_node(loc, i, ring.slots[index].node)) {
+    index = walk_to_new_owner(ring, index, sided ? side_of_half(upper) : TOPO_RINGSIDE_BOTH, loc, i);
+  }
   loc[i] = ring.slots[index].node;
   return index;
 }
