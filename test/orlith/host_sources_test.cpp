@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <set>
 
+#include "liborlith/orollupd/rollup.h"
+#include "liborlith/util/metric_locator.h"
 #include "pobe/pobe.h"
 #include "test/support/temp_dir.h"
 
@@ -249,6 +251,35 @@ TEST(ReadHost, GivesCanonicalNamesFromTheFixturesAndFromThisMachine) {
     HostContext context{root, {}};
     std::vector<std::string> problems;
     for (const Sample &sample : read_host(context, problems)) expect_canonical(sample.name);
+  }
+}
+
+// What is collected is what ingestion reads: line by line, without a loss.
+TEST(ReadHost, GivesLinesThatTheLibraryParses) {
+  const char *check = "1b4e28ba-2fa1-11d2-883f-0016d3cca427";
+  HostContext context{fixture_root, {.available_bytes = 0}};
+  std::vector<std::string> problems;
+  for (const Sample &sample : read_host(context, problems)) {
+    std::string line;
+    append_m_line(line, 1700000000123, check, sample);
+    SCOPED_TRACE(line);
+    uint64_t time_ms = 0;
+    orlith_metric_locator_t *locator = nullptr;
+    metric_value_t value{};
+    ASSERT_EQ(parse_Mline(line.c_str(), &time_ms, &locator, &value, true), 1);
+    EXPECT_EQ(time_ms / 1000, 1700000000u);
+    EXPECT_EQ(orlith_metric_locator_get_name_with_tags(locator), sample.name);
+    if (const auto *number = std::get_if<uint64_t>(&sample.value)) {
+      EXPECT_EQ(value.storage.v_uint64, *number);
+    }
+    if (const auto *number = std::get_if<int32_t>(&sample.value)) {
+      EXPECT_EQ(value.storage.v_int32, *number);
+    }
+    if (const auto *number = std::get_if<double>(&sample.value)) {
+      EXPECT_EQ(value.storage.v_double, *number);
+    }
+    if (value.type == ORLITH_METRIC_STRING) free(value.storage.v_string);
+    orlith_metric_locator_deref(locator);
   }
 }
 
