@@ -2,6 +2,8 @@
 //   bare     the bare compression of each point's padded 64-byte block
 //   obvious  each point hashed through a fresh digest context, then std::sort
 //   build    topo_compile: parsed document to topology, with slots, list, arrays and hints
+// The largest ring takes 0.8 GB, which each build gets from the kernel anew. On a virtual machine that page supply can
+// take longer than the building itself and is unsteady: compare minima as well as medians there.
 // Goals, per point: build / bare at most 2.0, build / obvious at most 0.45, at weight 1000 and 65535.
 #define OPENSSL_SUPPRESS_DEPRECATED  // the bare compression has no other name in libcrypto
 #include <benchmark/benchmark.h>

@@ -286,15 +286,24 @@ void log_point(const host_config_slot *slot) {
            slot->node->id_str, slot->idx);
 }
 
+// memcmp's order over the whole location; its first 64 bits decide nearly always.
+int compare_locations(const uint8_t *a, const uint8_t *b) {
+  const uint64_t prefix_a = topo_location_prefix(a);
+  const uint64_t prefix_b = topo_location_prefix(b);
+  if (prefix_a != prefix_b) return prefix_a < prefix_b ? -1 : 1;
+  return memcmp(a, b, TOPO_HASH_SIZE);
+}
+
 }  // namespace
 
 int topo_locator(const void *a, const void *b) {
-  return memcmp(static_cast<const host_config_slot *>(a)->location,
-                static_cast<const host_config_slot *>(b)->location, TOPO_HASH_SIZE);
+  return compare_locations(static_cast<const host_config_slot *>(a)->location,
+                           static_cast<const host_config_slot *>(b)->location);
 }
 
 int topo_locator_k(const void *key, const void *slot) {
-  return memcmp(key, static_cast<const host_config_slot *>(slot)->location, TOPO_HASH_SIZE);
+  return compare_locations(static_cast<const uint8_t *>(key),
+                           static_cast<const host_config_slot *>(slot)->location);
 }
 
 double topo_ring_percent(const uint8_t *location) {

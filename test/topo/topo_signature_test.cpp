@@ -69,4 +69,17 @@ TEST(TopoSignatureBytes, ExplicitBothIsNoSide) {
   EXPECT_FALSE(tc->use_side);
 }
 
+// doc/topology.md works this one out; it is examples/three-nodes.xml.
+TEST(TopoSignatureBytes, TheDocumentedExample) {
+  const std::string first = "76650c73-426c-48f6-ab8e-b575c1d3d5d1";
+  const TopoHandle tc = compile_ok(
+      nodes("write_copies='2'", node(first, "32") + node("39b8406b-ab01-4224-86ac-5d63faa46ac1", "64") +
+                                    node("e4a84d99-0cbe-43f9-82f6-33232bd4f8b6", "48")));
+  EXPECT_STREQ(tc->hex_signature, "3f95f16c2109a7b1780ef551c839f1bfd5ca0bda26ec9cb53f290bcdaa213338");
+  uint8_t point[32];
+  topo_hash_points(first.c_str(), 1, 1, point);
+  EXPECT_EQ(hex(point), "becfeb7bb563c348abc57b8b8d66f4ffc842f95a7b403898ba2630a95e3730cd");
+  EXPECT_EQ(topo_location_prefix(point) >> (64 - FAST_SIZE_BITS), 12211u);
+}
+
 }  // namespace
