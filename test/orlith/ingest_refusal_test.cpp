@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <set>
 #include <string>
+
+#include "orlith/text.h"
 
 namespace {
 
@@ -51,6 +54,11 @@ struct ValueCase {
   const char *value;
   std::optional<Refusal> fault;
 };
+
+// Names the case in test lists, where its bytes would be addresses.
+void PrintTo(const ValueCase &value_case, std::ostream *out) {
+  *out << value_case.type << " '" << escaped(value_case.value) << "'";
+}
 
 class ValueFault : public testing::TestWithParam<ValueCase> {};
 
