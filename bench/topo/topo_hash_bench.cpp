@@ -1,5 +1,5 @@
-// The placement hash next to what bounds it, the bare compression of the padded blocks. 80 bytes (two blocks) is the
-// key of a metric with a middling name. Goal: one-shot / bare at most 1.7.
+// The placement hash next to what bounds it, the bare compression of the padded blocks. 80 bytes (two blocks)
+// is the key of a metric with a middling name. Goal: one-shot / bare at most 1.7.
 #define OPENSSL_SUPPRESS_DEPRECATED  // the bare compression has no other name in libcrypto
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>

@@ -1,4 +1,5 @@
-// Placing a location, 2 copies, on a ring of 128,000 points (128 nodes of weight 1000), next to two other ways:
+// Placing a location, 2 copies, on a ring of 128,000 points (128 nodes of weight 1000), next to two other
+// ways:
 //   rendezvous   score all 128 nodes by one 64-bit mix each, keep the two highest
 //   lower_bound  std::lower_bound over the sorted 32-byte points, once per copy, and the same walk
 // The locations are random and many, so that their bucket is not in the cache by accident.

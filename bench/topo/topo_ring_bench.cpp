@@ -2,8 +2,8 @@
 //   bare     the bare compression of each point's padded 64-byte block
 //   obvious  each point hashed through a fresh digest context, then std::sort
 //   build    topo_compile: parsed document to topology, with slots, list, arrays and hints
-// The largest ring takes 0.8 GB, which each build gets from the kernel anew. On a virtual machine that page supply can
-// take longer than the building itself and is unsteady: compare minima as well as medians there.
+// The largest ring takes 0.8 GB, which each build gets from the kernel anew. On a virtual machine that page
+// supply can take longer than the building itself and is unsteady: compare minima as well as medians there.
 // Goals, per point: build / bare at most 2.0, build / obvious at most 0.45, at weight 1000 and 65535.
 #define OPENSSL_SUPPRESS_DEPRECATED  // the bare compression has no other name in libcrypto
 #include <benchmark/benchmark.h>
@@ -114,7 +114,8 @@ void BM_Build(benchmark::State &state) {
   report(state, size_t{kNodes} * weight);
 }
 
-// Freeing is as much a part of a topology's life; two compilations of a small ring show what the document costs.
+// Freeing is as much a part of a topology's life; two compilations of a small ring show what the document
+// costs.
 BENCHMARK(BM_Bare)->Arg(1000)->Arg(65535)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Build)->Arg(1)->Arg(1000)->Arg(65535)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Obvious)->Arg(1000)->Arg(65535)->Unit(benchmark::kMillisecond);

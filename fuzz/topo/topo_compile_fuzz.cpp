@@ -1,5 +1,5 @@
-// Any bytes as a topology document: they are refused with a message, or compile to a topology that has the promised
-// form, whose two walks agree, and which compiles again under its own signature.
+// Any bytes as a topology document: they are refused with a message, or compile to a topology that has the
+// promised form, whose two walks agree, and which compiles again under its own signature.
 #include <libxml/tree.h>
 
 #include <cstdint>
@@ -8,7 +8,8 @@
 
 #include "liborlith/topo/topo.h"
 
-// Host names would be sent to a name server; documents of the fuzzer reach none. Linked in place of the system's.
+// Host names would be sent to a name server; documents of the fuzzer reach none. Linked in place of the
+// system's.
 struct addrinfo;
 extern "C" int __wrap_getaddrinfo(const char *, const char *, const struct addrinfo *, struct addrinfo **) {
   return -2;  // the name is unknown

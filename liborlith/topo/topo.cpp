@@ -1,4 +1,5 @@
-// The placement hash (SHA-256, one-shot and incremental, and its text form) and the table of retained topologies.
+// The placement hash (SHA-256, one-shot and incremental, and its text form) and the table of retained
+// topologies.
 #include "liborlith/topo/topo.h"
 
 #include <openssl/evp.h>
@@ -14,17 +15,17 @@ namespace {
 
 char g_globals_started = 0;  // one-shot flag of topo_init_globals, set by compare-and-swap
 
-// A digest looked up by name is fetched from its provider anew each time it is started, which takes several times
-// as long as hashing a metric's key (80 bytes on one machine: 350 ns, of which 90 ns are the hash). So it is
-// fetched once in a process. Never freed: static destructors of others may still hash.
+// A digest looked up by name is fetched from its provider anew each time it is started, which takes several
+// times as long as hashing a metric's key (80 bytes on one machine: 350 ns, of which 90 ns are the hash). So
+// it is fetched once in a process. Never freed: static destructors of others may still hash.
 const EVP_MD *fetched_sha256() {
   static const EVP_MD *const md = EVP_MD_fetch(nullptr, "SHA256", nullptr);
   liborlith_assert(md);
   return md;
 }
 
-// One digest context a thread, started again for each hash: 105 ns in the same measure, against 155 ns with a new
-// context each time.
+// One digest context a thread, started again for each hash: 105 ns in the same measure, against 155 ns with a
+// new context each time.
 class OneShotHasher {
  public:
   OneShotHasher() : context_(EVP_MD_CTX_new()) { liborlith_assert(context_); }

@@ -47,7 +47,7 @@ struct _xmlDoc;
 typedef struct topo_config topo_config;
 typedef struct host_config host_config;
 
-/* Any value may arrive in an enumeration of these from C; the fixed type makes that defined in C++ as well. */
+/* From C any value may arrive in one of these enumerations; the fixed type makes that defined in C++ too. */
 #ifdef __cplusplus
 #define TOPO_ENUM enum : unsigned
 #else
@@ -147,37 +147,39 @@ RUXO_EXPORT void topo_hash_to_hex(const uint8_t *hash, char *out);
 /* The largest document that is read. 128 nodes never need a hundredth of it. */
 #define TOPO_DOCUMENT_MAX_BYTES ((size_t)4 * 1024 * 1024)
 
-/* Parses `len` bytes of XML, which may come from anywhere: documents that are over TOPO_DOCUMENT_MAX_BYTES, hold a
- * NUL, declare a document type or are not well-formed are refused; nothing is fetched and nothing is printed.
- * Returns a document to xmlFreeDoc(), or null with a message ("line 3: ...", without newline) in *err. Any thread. */
+/* Parses `len` bytes of XML, which may come from anywhere: documents that are over TOPO_DOCUMENT_MAX_BYTES,
+ * hold a NUL, declare a document type or are not well-formed are refused; nothing is fetched and nothing is
+ * printed. Returns a document to xmlFreeDoc(), or null with a message ("line 3: ...", without newline) in
+ * *err. Any thread. */
 RUXO_EXPORT struct _xmlDoc *topo_parse_document(const char *bytes, size_t len, char **err);
 /* The same for a file; every message begins with the path. */
 RUXO_EXPORT struct _xmlDoc *topo_parse_document_file(const char *path, char **err);
 
-/* Compiles a parsed document. `hexhash` (may be null) is the signature it must have, in either case. `doc` is only
- * read. Returns a topology of the caller's, which is not yet known to the process (topo_retain, topo_initialize) and
- * is freed with topo_free(); or null, with the first fault in *err. Host names are looked up with getaddrinfo(), so
- * the call may wait for a name server. Any thread. */
+/* Compiles a parsed document. `hexhash` (may be null) is the signature it must have, in either case. `doc` is
+ * only read. Returns a topology of the caller's, which is not yet known to the process (topo_retain,
+ * topo_initialize) and is freed with topo_free(); or null, with the first fault in *err. Host names are
+ * looked up with getaddrinfo(), so the call may wait for a name server. Any thread. */
 RUXO_EXPORT topo_config *topo_compile(struct _xmlDoc *doc, const char *hexhash, char **err);
 /* Frees a topology with all it owns; null is ignored. It must not be retained, active or next. */
 RUXO_EXPORT void topo_free(topo_config *tc);
 
-/* Enters `tc` into the process-wide table by its signature; the table keeps it for good. Stops the process when one
- * of that signature is there. Any thread. */
+/* Enters `tc` into the process-wide table by its signature; the table keeps it for good. Stops the process
+ * when one of that signature is there. Any thread. */
 RUXO_EXPORT void topo_retain(topo_config *tc);
 /* The retained topology with that signature, or null. Borrowed. Any thread. */
 RUXO_EXPORT topo_config *topo_retrieve(const uint8_t *hash);
 /* The same by exactly 64 lower-case hex characters; null for anything else, null included. */
 RUXO_EXPORT topo_config *topo_retrieve_hex(const char *hex);
-/* Copies the 32 signature bytes to `buff` (may be null) and returns the hex form, which lives as long as `tc`. For a
- * null topology: zeros, and "-". */
+/* Copies the 32 signature bytes to `buff` (may be null) and returns the hex form, which lives as long as
+ * `tc`. For a null topology: zeros, and "-". */
 RUXO_EXPORT const char *topo_signature(topo_config *tc, void *buff);
 
 /* ---- Placement ----
- * `loc` has room for min(count, 10) entries; 10 always suffice. `count` 0, or one above the topology's copy count,
- * asks for all copies. Each returns the number of owners written, which are distinct. A negative count, and more
- * copies than there are eligible nodes, stop the process; topo_compile lets no topology of the latter kind pass. The
- * fast walk allocates nothing; the walk whose name ends in "_slow" gives the same owners without the search tables. */
+ * `loc` has room for min(count, 10) entries; 10 always suffice. `count` 0, or one above the topology's copy
+ * count, asks for all copies. Each returns the number of owners written, which are distinct. A negative
+ * count, and more copies than there are eligible nodes, stop the process; topo_compile lets no topology of
+ * the latter kind pass. The fast walk allocates nothing; the walk whose name ends in "_slow" gives the same
+ * owners without the search tables. */
 
 /* The owners of a 32-byte location. */
 RUXO_EXPORT int _topo_find_insertion_point_config(const topo_config *tc, const uint8_t *hash,
@@ -197,7 +199,8 @@ RUXO_EXPORT int topo_find_insertion_point_config_locator_slow(
     topo_config *tc, const struct orlith_metric_locator *metric_locator, host_config **loc, int count);
 /* On the active topology; 0, writing nothing, when there is none. */
 RUXO_EXPORT int topo_find_insertion_point(const void *buf, size_t buflen, host_config **loc, int count);
-/* The owners of the key "ID-NAME" on the active topology. A key of 4133 bytes or more is logged and has no owners. */
+/* The owners of the key "ID-NAME" on the active topology. A key of 4133 bytes or more is logged and has no
+ * owners. */
 RUXO_EXPORT int topo_find_insertion_point_uuidstr_name(const char *id_str, const char *metric_name,
                                                        host_config **loc, int count);
 /* The same for a 16-byte id, which enters the key as lower-case text. */
@@ -211,14 +214,15 @@ RUXO_EXPORT int topo_find_two(topo_config *tc, unsigned char *id, char *metric_n
 RUXO_EXPORT ruxo_boolean topo_is_mine(const struct orlith_metric_locator *metric_locator);
 /* The same for the key "UUID-METRIC"; one of 4133 bytes or more is logged and is nobody's. */
 RUXO_EXPORT ruxo_boolean topo_is_mine_uuid_name(const char *uuid_str, const char *metric_str);
-/* Writes the owners on `tc` to hc[0..9] and tells whether `me` (16 bytes) is one of them. `hc` must not be null. */
+/* Writes the owners on `tc` to hc[0..9] and tells whether `me` (16 bytes) is one of them. `hc` must not be
+ * null. */
 RUXO_EXPORT ruxo_boolean topo_is_local_to_topology(const struct orlith_metric_locator *metric_locator,
                                                    const topo_config *tc, unsigned char *me,
                                                    host_config **hc);
 
 /* ---- Nodes ----
- * Ids are 16 bytes; a null topology gives 0, null or false. Where `loc` is an array it has room for host_count
- * entries. */
+ * Ids are 16 bytes; a null topology gives 0, null or false. Where `loc` is an array it has room for
+ * host_count entries. */
 
 RUXO_EXPORT host_config *topo_contains(topo_config *conf, const unsigned char *hostid);
 RUXO_EXPORT int topo_size(topo_config *tc); /* number of nodes */
@@ -236,8 +240,8 @@ RUXO_EXPORT int topo_get_all_nodes_except_self(topo_config *tc, host_config **lo
 RUXO_EXPORT int topo_get_just_self(topo_config *tc, host_config **loc);
 /* The nodes of tc0, then those of tc1 whose id tc0 lacks. Either may be null. */
 RUXO_EXPORT int topo_get_all_nodes_in_tcs(topo_config *tc0, topo_config *tc1, host_config **loc);
-/* The nodes on the side of `my_id` (mine) or on the other one (not mine); `loc` may be null. Without sides, or for a
- * node on both, all nodes are mine; for an id that is not there, none. */
+/* The nodes on the side of `my_id` (mine) or on the other one (not mine); `loc` may be null. Without sides,
+ * or for a node on both, all nodes are mine; for an id that is not there, none. */
 RUXO_EXPORT int topo_get_all_nodes_on_side(topo_config *tc, host_config **loc, const unsigned char *my_id,
                                            ruxo_boolean mine);
 /* min(cnt, host_count) distinct nodes in random order, drawn with random(3). */
@@ -257,28 +261,30 @@ RUXO_EXPORT topo_config *topo_target(void);      /* the next one if there is one
 /* Makes this process act under a temporary id of its own (16 bytes, copied) that is in no topology. */
 RUXO_EXPORT void topo_set_i_am_ephemeral(unsigned char *id);
 RUXO_EXPORT ruxo_boolean topo_i_am_ephemeral(void);
-/* Writes this node's 16-byte id: the ephemeral one, else that of the node found by topo_set_node, else the one last
- * given to topo_set_node. */
+/* Writes this node's 16-byte id: the ephemeral one, else that of the node found by topo_set_node, else the
+ * one last given to topo_set_node. */
 RUXO_EXPORT void topo_me(unsigned char *out);
-/* Records who this node is and looks it up on the ring of the next, then of the active topology. 0 when it is there,
- * else -1; then this process is no node of a topology until the next call. */
+/* Records who this node is and looks it up on the ring of the next, then of the active topology. 0 when it is
+ * there, else -1; then this process is no node of a topology until the next call. */
 RUXO_EXPORT int topo_set_node(unsigned char *id);
 
-/* Installs the pair at start-up; either may be null. `me` becomes transitioned in conf, and in next new (when there is
- * no conf) or transitioning. Both are kept, not copied. Returns 0. An ephemeral process that finds `me` in next
- * logs it and exits. */
+/* Installs the pair at start-up; either may be null. `me` becomes transitioned in conf, and in next new (when
+ * there is no conf) or transitioning. Both are kept, not copied. Returns 0. An ephemeral process that finds
+ * `me` in next logs it and exits. */
 RUXO_EXPORT int topo_initialize(topo_config *conf, topo_config *next, unsigned char *me);
-/* Starts a move to `conf`, which is kept. 0; -1, changing nothing, while a move is pending. May exit, as above. */
+/* Starts a move to `conf`, which is kept. 0; -1, changing nothing, while a move is pending. May exit, as
+ * above. */
 RUXO_EXPORT int topo_activate_next(topo_config *conf);
-/* Completes the move: next becomes active; the former active one stays retained. 0; -1 without a move. May exit. */
+/* Completes the move: next becomes active; the former active one stays retained. 0; -1 without a move. May
+ * exit. */
 RUXO_EXPORT int topo_transition(void);
 /* Sets one node's state, keeps the counts, and opens reads once no node is unknown or transitioning. */
 RUXO_EXPORT void host_activate(topo_config *conf, host_config *hc, topo_host_state_t state);
 
 /* Calls f for each node in document order; returns the sum of its results. */
 RUXO_EXPORT int topo_apply(topo_config *tc, void *thunk, int (*f)(topo_config *, host_config *, void *));
-/* Calls f for each point in ring order with its node, number, 32-byte location and place on the ring in percent (0
- * to 100); returns the sum of its results. */
+/* Calls f for each point in ring order with its node, number, 32-byte location and place on the ring in
+ * percent (0 to 100); returns the sum of its results. */
 RUXO_EXPORT int ring_apply(topo_config *tc, void *thunk,
                            int (*f)(topo_config *, host_config *, unsigned short idx, uint8_t *location,
                                     double percent, void *thunk));

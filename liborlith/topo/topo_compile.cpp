@@ -44,8 +44,8 @@ void append_connect_to(topo_config *tc, const std::string &entry) {
   tc->connect_to = longer;
 }
 
-// The request URL names the node by its id, and libcurl is told where that "host" really is. So certificates and
-// virtual hosts are the same wherever a node moves.
+// The request URL names the node by its id, and libcurl is told where that "host" really is. So certificates
+// and virtual hosts are the same wherever a node moves.
 void complete_host(topo_config *tc, host_config *hc) {
   ruxo_uuid_unparse_lower(hc->id, hc->id_str);
   liborlith_assert(hc->id_str[0]);

@@ -1,7 +1,7 @@
 // Which topology is active and which is next, who this node is, and how far each node is with a rebalance.
 //
-// Threads: one control thread changes what is here. Placement callers on any thread read the two topology pointers
-// without locks; a topology is never freed while it may be active, so they always see a whole one.
+// Threads: one control thread changes what is here. Placement callers on any thread read the two topology
+// pointers without locks; a topology is never freed while it may be active, so they always see a whole one.
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -20,8 +20,8 @@ ruxo_uuid_t my_id;
 std::atomic<bool> i_am_ephemeral{false};
 ruxo_uuid_t ephemeral_id;
 
-// A process under a temporary id must not be a node of a topology it is to use: two processes would then answer for
-// the same node.
+// A process under a temporary id must not be a node of a topology it is to use: two processes would then
+// answer for the same node.
 void exit_if_ephemeral() {
   if (!i_am_ephemeral) return;
   ruxo_log(ruxo_error, "Dangerous ephemeral node id conflict.\n");
@@ -59,8 +59,8 @@ void count_host(topo_config *conf, topo_host_state_t state, int change) {
   if (counter != nullptr) *counter += change;
 }
 
-// Compilation leaves all counts at zero, although every node starts out unknown. The first change of a state turns them
-// into true counts; otherwise reads would open (or stay shut) on a count below zero.
+// Compilation leaves all counts at zero, although every node starts out unknown. The first change of a state
+// turns them into true counts; otherwise reads would open (or stay shut) on a count below zero.
 void begin_counting(topo_config *conf) {
   const int counted =
       conf->hosts_unknown + conf->hosts_new + conf->hosts_transitioning + conf->hosts_transitioned;

@@ -1,9 +1,10 @@
 // The locations of a node's ring points: SHA-256 of 38 bytes each, of which only the last two change.
 //
-// Those 38 bytes and their padding are one block, so a point costs one compression, and the block is prepared once a
-// node. A large ring has millions of points; on x86-64 processors with SHA instructions two compressions run side by
-// side, since one alone leaves the unit idle half of the time, and the eight rounds that see only the id are done once
-// a node. Everywhere else libcrypto's compression is used, which picks the best instructions by itself.
+// Those 38 bytes and their padding are one block, so a point costs one compression, and the block is prepared
+// once a node. A large ring has millions of points; on x86-64 processors with SHA instructions two
+// compressions run side by side, since one alone leaves the unit idle half of the time, and the eight rounds
+// that see only the id are done once a node. Everywhere else libcrypto's compression is used, which picks the
+// best instructions by itself.
 #define OPENSSL_SUPPRESS_DEPRECATED  // the bare compression has no other name in libcrypto
 #include <openssl/sha.h>
 
@@ -102,8 +103,8 @@ SHA_INLINE void write_digest(const State &s, uint8_t *out) {
   _mm_storeu_si128(to + 1, swap_bytes(_mm_alignr_epi8(dchg, feba, 8)));
 }
 
-// What the points of a node share: the message words (the third quarter without the point's number) and the state
-// after the rounds that see only id characters.
+// What the points of a node share: the message words (the third quarter without the point's number) and the
+// state after the rounds that see only id characters.
 struct NodePrefix {
   __m128i words[4];
   State after_eight;

@@ -93,8 +93,8 @@ inline void topo_move_to_side(uint8_t *location, topo_host_ringside_t side) {
 int topo_locator(const void *a, const void *b);
 int topo_locator_k(const void *key, const void *slot);
 
-// Writes the locations (32 bytes each) of `count` points of a node, numbered from `first`: the hashes of its 36 id
-// characters followed by the point's number as two bytes, big-endian.
+// Writes the locations (32 bytes each) of `count` points of a node, numbered from `first`: the hashes of its
+// 36 id characters followed by the point's number as two bytes, big-endian.
 void topo_hash_points(const char *id_str, uint32_t first, uint32_t count, uint8_t *locations);
 // The form for any processor, which the one above falls back to.
 void topo_hash_points_portable(const char *id_str, uint32_t first, uint32_t count, uint8_t *locations);
@@ -108,8 +108,8 @@ struct TopoRingTables {
   size_t size;  // number of points
 };
 
-// Builds the tables from each node's points, whose locations `hash_points` writes before they move to a side. Of
-// points with equal locations only the first in document order is kept. Throws std::bad_alloc.
+// Builds the tables from each node's points, whose locations `hash_points` writes before they move to a side.
+// Of points with equal locations only the first in document order is kept. Throws std::bad_alloc.
 using TopoHashPoints = void (*)(const char *id_str, uint32_t first, uint32_t count, uint8_t *locations);
 TopoRingTables topo_build_ring_tables(host_config *hosts, size_t host_count, TopoHashPoints hash_points);
 

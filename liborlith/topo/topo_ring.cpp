@@ -3,7 +3,8 @@
 // Facts about a compiled ring that the code below leans on:
 //   - slots lie in ring order in one block, which fast_slot_ring[0] begins (topo_free needs that as well);
 //   - the last hint's upper is the index of the last point;
-//   - the points of a bucket are between its hints, and the first point at or after any location of the bucket is
+//   - the points of a bucket are between its hints, and the first point at or after any location of the
+//   bucket is
 //     between lower and upper, or it is upper + 1 == size (then the location is beyond all points).
 #include "liborlith/topo/topo.h"
 
@@ -30,9 +31,9 @@ Ring ring_of(const topo_config *tc) {
   return {tc->fast_slot_ring[0], tc->fast_search_hints, tc->fast_search_hints[FAST_SIZE - 1].upper};
 }
 
-// A location as the search wants it: the first 64 bits decide nearly always. Going to the other half only touches
-// `prefix`, never the bytes, because reading back bytes just written would stall the processor for longer than a
-// search takes.
+// A location as the search wants it: the first 64 bits decide nearly always. Going to the other half only
+// touches `prefix`, never the bytes, because reading back bytes just written would stall the processor for
+// longer than a search takes.
 struct Location {
   explicit Location(const uint8_t *hash) : prefix(topo_location_prefix(hash)), bytes(hash) {}
   Location mirrored() const {
@@ -70,7 +71,8 @@ int32_t lower_bound(Ring ring, int32_t first, int32_t end, Location location) {
   return first;
 }
 
-// The same for an answer that is likely near `first`, and for one likely near `end`: strides double from there on.
+// The same for an answer that is likely near `first`, and for one likely near `end`: strides double from
+// there on.
 int32_t gallop_up(Ring ring, int32_t first, int32_t end, Location location) {
   int32_t stride = 1;
   for (; stride <= end - first && is_below(ring.slots[first + stride - 1], location); stride *= 2)
@@ -84,8 +86,8 @@ int32_t gallop_down(Ring ring, int32_t first, int32_t end, Location location) {
   return lower_bound(ring, end - std::min(stride, end - first), end, location);
 }
 
-// The rare cases of the search below: the ring is shorter than the window, the answer is not inside the window, or a
-// point shares the location's prefix.
+// The rare cases of the search below: the ring is shorter than the window, the answer is not inside the
+// window, or a point shares the location's prefix.
 [[gnu::noinline]] int32_t search_beside(Ring ring, Location location, fast_search_hints_t hint,
                                         int32_t begin) {
   if (hint.upper < kWindow) return lower_bound(ring, hint.lower, hint.upper + 1, location);
@@ -96,10 +98,11 @@ int32_t gallop_down(Ring ring, int32_t first, int32_t end, Location location) {
   return gallop_down(ring, hint.lower, window_last, location);
 }
 
-// The first point that is not below the location, between the hints of its bucket. Locations are spread evenly,
-// so the place of this one in its bucket tells by proportion where to look; counting the points below it in a
-// small window there needs no branches and touches neighbouring memory. Placement waits for memory, and the
-// fewer instructions it takes, the further the processor runs ahead to the next locations: hence the care here.
+// The first point that is not below the location, between the hints of its bucket. Locations are spread
+// evenly, so the place of this one in its bucket tells by proportion where to look; counting the points below
+// it in a small window there needs no branches and touches neighbouring memory. Placement waits for memory,
+// and the fewer instructions it takes, the further the processor runs ahead to the next locations: hence the
+// care here.
 inline int32_t first_not_below(Ring ring, Location location) {
   const fast_search_hints_t hint = ring.hints[location.prefix >> (64 - FAST_SIZE_BITS)];
   const uint64_t fraction = (location.prefix << FAST_SIZE_BITS) >> 32;
@@ -153,8 +156,8 @@ int32_t first_in_half(Ring ring, int32_t index, bool upper) {
   return index;
 }
 
-// The first point after `index` on the wanted side whose node is not yet an owner. Once round the ring without one
-// means that there are fewer eligible nodes than copies.
+// The first point after `index` on the wanted side whose node is not yet an owner. Once round the ring
+// without one means that there are fewer eligible nodes than copies.
 [[gnu::noinline]] int32_t walk_to_new_owner(Ring ring, int32_t index, topo_host_ringside_t side,
                                             host_config *const *loc, int owner_count) {
   for (int32_t steps = 0; steps < ring.last; ++steps) {
@@ -182,9 +185,9 @@ int32_t take_owner(Ring ring, int32_t index, bool upper, host_config **loc, int 
 }
 
 // Copies alternate between the halves of the ring: copy 0 starts at the location, copy 1 at its mirror in the
-// other half, and every later copy goes on behind the owner two before it, in whose half it is. All points that
-// it thereby passes over belong to owners, which is why the reference walk, starting anew each time, finds the
-// same nodes.
+// other half, and every later copy goes on behind the owner two before it, in whose half it is. All points
+// that it thereby passes over belong to owners, which is why the reference walk, starting anew each time,
+// finds the same nodes.
 template <bool sided>
 void fast_walk(Ring ring, Location location, host_config **loc, int copies) {
   const bool halves[2] = {location.is_upper(), !location.is_upper()};
@@ -198,7 +201,8 @@ void fast_walk(Ring ring, Location location, host_config **loc, int copies) {
   }
 }
 
-// The reference walk's search: the point at the location or right of it, the first point of all beyond the last.
+// The reference walk's search: the point at the location or right of it, the first point of all beyond the
+// last.
 ruxo_skiplist_node find_start(const topo_config *tc, const uint8_t *location) {
   ruxo_skiplist_node node = nullptr;
   ruxo_skiplist_node next = nullptr;

@@ -1,9 +1,11 @@
 // Building the ring: every node's points, sorted by location, with the tables that searches use.
 //
-// The largest ring has 8.4 million points, so the work is laid out to touch each point few times and in order:
+// The largest ring has 8.4 million points, so the work is laid out to touch each point few times and in
+// order:
 //   1. hash: the locations of all points, node by node (into memory that the slots get later);
 //   2. deal: each point goes to the bucket of its leading bits, a few thousand points each;
-//   3. sort: one bucket at a time, inside the cache, by the next bits and then by 64-bit prefix, writing the slots,
+//   3. sort: one bucket at a time, inside the cache, by the next bits and then by 64-bit prefix, writing the
+//   slots,
 //      the two arrays in ring order and the number of points below each search hint's prefix.
 // Locations are hashes, so buckets fill evenly; uneven ones cost time, never correctness.
 #include <sys/mman.h>
@@ -34,7 +36,8 @@ struct Free {
 template <class T>
 using Array = std::unique_ptr<T[], Free>;
 
-// Uninitialised memory for free(). Large arrays ask for huge pages: a ring of 8 million points has 200,000 small ones.
+// Uninitialised memory for free(). Large arrays ask for huge pages: a ring of 8 million points has 200,000
+// small ones.
 template <class T>
 Array<T> allocate(size_t count) {
   const size_t bytes = count * sizeof(T);
@@ -226,8 +229,8 @@ class RingBuilder {
     std::fill(points_below_.begin() + static_cast<std::ptrdiff_t>(next_prefix_), points_below_.end(), size_);
   }
 
-  // A bucket's hint spans from the first point at or above its prefix to the first one beyond it; where there is no
-  // such point the last one stands in, so that no search leaves the ring.
+  // A bucket's hint spans from the first point at or above its prefix to the first one beyond it; where there
+  // is no such point the last one stands in, so that no search leaves the ring.
   void write_hints() {
     const uint32_t last = static_cast<uint32_t>(size_ - 1);
     for (size_t b = 0; b < FAST_SIZE; ++b) {

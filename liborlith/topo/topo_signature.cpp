@@ -1,5 +1,5 @@
-// The signature: SHA-256 over one record a node. What was added to topologies over time (copy counts other than 2,
-// sides) enters only where it is used, so that older topologies keep their signature.
+// The signature: SHA-256 over one record a node. What was added to topologies over time (copy counts other
+// than 2, sides) enters only where it is used, so that older topologies keep their signature.
 #include <arpa/inet.h>
 
 #include <cstring>

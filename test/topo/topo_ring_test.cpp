@@ -108,9 +108,10 @@ TopoHandle compile_shape(const Shape &shape) {
   return compile_ok(many_nodes(shape.nodes, shape.weight, shape.copies, shape.sided));
 }
 
-// The stated search has an end for "lower beyond the last point" that would skip point 0. It cannot be reached: lower
-// only grows to mid + 1 with mid < upper, so it stays at or below the last point. Everywhere else the search ends on
-// the first point at or after the location. So it agrees with a linear scan without exception, which this test holds.
+// The stated search has an end for "lower beyond the last point" that would skip point 0. It cannot be
+// reached: lower only grows to mid + 1 with mid < upper, so it stays at or below the last point. Everywhere
+// else the search ends on the first point at or after the location. So it agrees with a linear scan without
+// exception, which this test holds.
 TEST(TopoRingSearch, AgreesWithTheStatedSearchAndWithALinearScan) {
   constexpr unsigned kSeed = 20260101;
   for (const Shape &shape : kShapes) {
@@ -129,7 +130,8 @@ TEST(TopoRingSearch, AgreesWithTheStatedSearchAndWithALinearScan) {
   }
 }
 
-// Rings whose points crowd together, as no hash makes them: guessing by proportion must then fall back, not fail.
+// Rings whose points crowd together, as no hash makes them: guessing by proportion must then fall back, not
+// fail.
 TEST(TopoRingSearch, AgreesOnCrowdedRings) {
   for (unsigned seed = 1; seed <= 40; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));

@@ -1,4 +1,5 @@
-// Signatures against literal digests, computed outside (SHA-256 over the records as doc/topology.md lays them out).
+// Signatures against literal digests, computed outside (SHA-256 over the records as doc/topology.md lays them
+// out).
 #include <gtest/gtest.h>
 
 #include "liborlith/topo/topo_private.h"
