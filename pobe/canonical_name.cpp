@@ -123,6 +123,7 @@ bool offer(const Tags &tags, pobe_metric_tagset_validate_f validate) noexcept {
 }
 
 bool keep(const Tags &tags, size_t body_size, pobe_metric_tagset_t &set) noexcept {
+  if (tags.count == 0) return false;  // the canonical form of an empty block is none
   auto *const views = static_cast<pobe_metric_tag_t *>(std::malloc(tags.count * sizeof(pobe_metric_tag_t)));
   if (views == nullptr) return false;
   std::memcpy(views, tags.views.data(), tags.count * sizeof(pobe_metric_tag_t));
