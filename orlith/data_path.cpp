@@ -20,6 +20,13 @@ int open_folder(int parent, const std::string &name, bool create) {
   return openat(parent, name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
 }
 
+// Nearly every new file has neighbours: one look spares a call for each component of the path.
+bool folder_exists(const std::string &file) {
+  struct stat info {};
+  const std::string folder = file.substr(0, file.rfind('/') + 1);
+  return stat(folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
 }  // namespace
 
 std::string metric_file_path(std::string_view check_uuid, std::string_view encoded) {
@@ -43,7 +50,7 @@ std::string encoded_name_from_parts(const std::vector<std::string> &parts) {
 ReachablePath::ReachablePath(const std::string &full, bool create_folders) : path_(full) {
   if (full.size() >= kLongestDirectPath) {
     walk(full, create_folders);
-  } else if (create_folders && mkdir_for_file(full.c_str(), kFolderMode) != 0) {
+  } else if (create_folders && !folder_exists(full) && mkdir_for_file(full.c_str(), kFolderMode) != 0) {
     error_ = errno;
   }
 }
