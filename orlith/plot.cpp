@@ -241,8 +241,9 @@ std::vector<double> nice_ticks(double low, double high, size_t most) {
   const double power = std::pow(10.0, std::floor(std::log10(raw)));
   for (const double factor : {1.0, 2.0, 5.0, 10.0, 20.0, 50.0}) {
     const double step = factor * power;
+    if (!(step > 0) || !std::isfinite(step)) continue;
     const double first = std::ceil(low / step), last = std::floor(high / step);
-    if (!(step > 0) || last - first + 1 > static_cast<double>(most)) continue;
+    if (last - first + 1 > static_cast<double>(most)) continue;
     std::vector<double> ticks;
     // Multiples of the step, not sums of it: no rounding errors pile up.
     for (int i = 0; i <= last - first; ++i) ticks.push_back((first + i) * step + 0.0);

@@ -11,8 +11,12 @@
 
 namespace {
 
+using testing::AllOf;
+using testing::Each;
 using testing::ElementsAre;
+using testing::Ge;
 using testing::HasSubstr;
+using testing::Le;
 
 PlotPoint at(double value) {
   return {true, value, value, value};
@@ -41,7 +45,12 @@ TEST(NiceTicks, StayInTheRangeAndWithinTheCount) {
       ASSERT_LE(tick, high + slack);
     }
   }
-  EXPECT_FALSE(nice_ticks(-1.7e308, 1.7e308, 5).empty());
+  // A step that would be infinite gives no ticks that are not numbers.
+  for (size_t most = 2; most < 12; ++most) {
+    const auto ticks = nice_ticks(-1.7e308, 1.7e308, most);
+    EXPECT_THAT(ticks.size(), AllOf(Ge(1u), Le(most)));
+    EXPECT_THAT(ticks, Each(AllOf(Ge(-1.7e308), Le(1.7e308)))) << most;
+  }
   EXPECT_FALSE(nice_ticks(5e-324, 1e-323, 5).empty());
 }
 
