@@ -7,8 +7,8 @@
 #include <thread>
 
 #include "liborlith/nnt/nnt.h"
-#include "test/nnt/faults.h"
 #include "test/nnt/nnt_support.h"
+#include "test/support/faults.h"
 
 using namespace nnt_test;
 
@@ -122,7 +122,6 @@ TEST(NntCreate, RepeatsInterruptions) {
 TEST(NntCreate, AFailedWriteRemovesTheFileAndKeepsTheReason) {
   TempDir dir;
   const faults::Fail fault(faults::Call::write, ENOSPC);
-  const faults::Fail unlink_hides_nothing(faults::Call::fsync, EIO);
   EXPECT_EQ(nnt_create(nullptr, dir.file("f").c_str(), 0, 60, 0644), -1);
   EXPECT_EQ(errno, ENOSPC);
   EXPECT_FALSE(exists(dir.file("f")));

@@ -4,8 +4,8 @@
 #include <random>
 
 #include "liborlith/nnt/nnt_v1.h"
-#include "test/nnt/faults.h"
 #include "test/nnt/nnt_support.h"
+#include "test/support/faults.h"
 
 using namespace nnt_test;
 
@@ -120,9 +120,9 @@ TEST_F(NntMerge, ASourceWithoutItsHeaderIsAnError) {
 TEST_F(NntMerge, IsOneWrite) {
   Handle dst = make("dst", 6000, "");
   Handle src = make("src", 6000, absent_records(5000));
-  const int before = faults::calls(faults::Call::pwrite);
+  const faults::Uses uses;
   EXPECT_EQ(merge(dst, src), 0);
-  EXPECT_EQ(faults::calls(faults::Call::pwrite), before + 1);
+  EXPECT_EQ(uses(faults::Call::pwrite), 1);
 }
 
 TEST_F(NntMerge, AShortWriteIsNamed) {

@@ -7,8 +7,8 @@
 #include <random>
 
 #include "liborlith/nnt/nnt_v1.h"
-#include "test/nnt/faults.h"
 #include "test/nnt/nnt_support.h"
+#include "test/support/faults.h"
 
 using namespace nnt_test;
 
@@ -217,9 +217,9 @@ TEST(NntPut, ARangeIsOneWrite) {
   for (const int count : {1, 2, 1000, 5000}) {
     File f;
     const std::vector<nnt_multitype> values(static_cast<size_t>(count), uint64_value(3));
-    const int before = faults::calls(faults::Call::pwrite);
+    const faults::Uses uses;
     EXPECT_EQ(put(f, at(0), values), count);
-    EXPECT_EQ(faults::calls(faults::Call::pwrite), before + 1);
+    EXPECT_EQ(uses(faults::Call::pwrite), 1);
     EXPECT_EQ(f.records(), records_of(values));
   }
 }
@@ -444,9 +444,9 @@ TEST(NntGetRange, SlotsBeforeTheEpochAreAbsent) {
 
 TEST(NntGetRange, AllBeforeTheEpochReadsNothing) {
   File f(records_of(numbers({1, 2})));
-  const int before = faults::calls(faults::Call::pread);
+  const faults::Uses uses;
   for (const nnt_multitype &v : get(f, 0, 100)) EXPECT_EQ(v.type, NNT_TYPE_ABSENT);
-  EXPECT_EQ(faults::calls(faults::Call::pread), before);
+  EXPECT_EQ(uses(faults::Call::pread), 0);
 }
 
 TEST(NntGetRange, AnUnalignedStartBeforeTheEpochKeepsItsDistance) {
@@ -492,9 +492,9 @@ TEST(NntGetRange, ARecordOfType7IsAbsentButPartlyFilled) {
 TEST(NntGetRange, IsOneRead) {
   for (const int count : {1, 288, 1024, 1025, 5000}) {
     File f(records_of(std::vector<nnt_multitype>(5000, uint64_value(3))));
-    const int before = faults::calls(faults::Call::pread);
+    const faults::Uses uses;
     for (const nnt_multitype &v : get(f, kEpoch, count)) ASSERT_EQ(v.value.v_uint64, 3u);
-    EXPECT_EQ(faults::calls(faults::Call::pread), before + 1);
+    EXPECT_EQ(uses(faults::Call::pread), 1);
   }
 }
 

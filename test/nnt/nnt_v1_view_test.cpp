@@ -4,8 +4,8 @@
 #include <climits>
 
 #include "liborlith/nnt/nnt_v1.h"
-#include "test/nnt/faults.h"
 #include "test/nnt/nnt_support.h"
+#include "test/support/faults.h"
 
 using namespace nnt_test;
 

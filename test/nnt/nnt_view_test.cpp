@@ -5,8 +5,8 @@
 #include <thread>
 
 #include "liborlith/nnt/nnt_v1.h"
-#include "test/nnt/faults.h"
 #include "test/nnt/nnt_support.h"
+#include "test/support/faults.h"
 
 using namespace nnt_test;
 

@@ -9,62 +9,13 @@
 #include <csignal>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "liborlith/liborlith_init.h"
+#include "test/support/faults.h"
 #include "test/support/temp_dir.h"
-
-// System calls that fail at a chosen use; linked in place of the real ones (-Wl,--wrap).
-namespace {
-
-struct Fault {
-  int calls_before = -1;  // how many calls still succeed; below 0: none fails
-  int error = 0;
-  bool hits() {
-    if (calls_before < 0) return false;
-    return calls_before-- == 0;
-  }
-};
-Fault pread_fault, pwrite_fault, syncfs_fault, rename_fault, link_fault;
-bool pwrite_writes_half = false;
-
-}  // namespace
-
-extern "C" {
-ssize_t __real_pread(int fd, void *bytes, size_t length, off_t offset);
-ssize_t __real_pwrite(int fd, const void *bytes, size_t length, off_t offset);
-int __real_syncfs(int fd);
-int __real_rename(const char *from, const char *to);
-int __real_link(const char *from, const char *to);
-
-ssize_t __wrap_pread(int fd, void *bytes, size_t length, off_t offset) {
-  if (!pread_fault.hits()) return __real_pread(fd, bytes, length, offset);
-  errno = pread_fault.error;
-  return -1;
-}
-ssize_t __wrap_pwrite(int fd, const void *bytes, size_t length, off_t offset) {
-  if (!pwrite_fault.hits()) return __real_pwrite(fd, bytes, length, offset);
-  if (pwrite_writes_half) return __real_pwrite(fd, bytes, length / 2, offset);
-  errno = pwrite_fault.error;
-  return -1;
-}
-int __wrap_syncfs(int fd) {
-  if (!syncfs_fault.hits()) return __real_syncfs(fd);
-  errno = syncfs_fault.error;
-  return -1;
-}
-int __wrap_rename(const char *from, const char *to) {
-  if (!rename_fault.hits()) return __real_rename(from, to);
-  errno = rename_fault.error;
-  return -1;
-}
-int __wrap_link(const char *from, const char *to) {
-  if (!link_fault.hits()) return __real_link(from, to);
-  errno = link_fault.error;
-  return -1;
-}
-}
 
 namespace {
 
@@ -72,16 +23,7 @@ namespace fs = std::filesystem;
 
 class RollupStoreTest : public testing::Test {
  protected:
-  RollupStoreTest() {
-    liborlith_init();
-    clear_faults();
-  }
-  ~RollupStoreTest() override { clear_faults(); }
-
-  static void clear_faults() {
-    pread_fault = pwrite_fault = syncfs_fault = rename_fault = link_fault = Fault();
-    pwrite_writes_half = false;
-  }
+  RollupStoreTest() { liborlith_init(); }
 
   static OpenSlot slot(double value) {
     OpenSlot result;
@@ -221,7 +163,7 @@ TEST_F(RollupStoreTest, ARecordThatCannotBeReadIsNotTakenForADamagedOne) {
   ASSERT_TRUE(store.open(dir_.path()));
   ASSERT_TRUE(write(store, "a.nnt", {120, 180}) && store.commit());
   const auto before = snapshot();
-  pread_fault = {1, EIO};  // the first reads the header
+  const faults::Fail fault(faults::Call::pread, EIO, 2, 1);  // the first reads the header
   EXPECT_FALSE(write(store, "a.nnt", {180}));
   EXPECT_EQ(store.error(), dir_.file("a.nnt") + ": cannot be read: Input/output error");
   EXPECT_EQ(store.damaged_records(), 0U);
@@ -373,24 +315,23 @@ TEST_F(RollupStoreTest, AnyFailedCallLeavesTheFolderAsItWas) {
   const auto before = snapshot();
   struct {
     const char *name;
-    Fault *fault;
+    faults::Call call;
     int error;
-  } const cases[] = {{"pread", &pread_fault, EIO},   {"pwrite", &pwrite_fault, ENOSPC},
-                     {"pwrite", &pwrite_fault, EIO}, {"syncfs", &syncfs_fault, EIO},
-                     {"rename", &rename_fault, EIO}, {"link", &link_fault, EMLINK}};
+  } const cases[] = {{"pread", faults::Call::pread, EIO},   {"pwrite", faults::Call::pwrite, ENOSPC},
+                     {"pwrite", faults::Call::pwrite, EIO}, {"syncfs", faults::Call::syncfs, EIO},
+                     {"rename", faults::Call::rename, EIO}, {"link", faults::Call::link, EMLINK}};
   for (const auto &c : cases) {
     bool succeeded = false;
     int failures = 0;
-    for (int nth = 0; !succeeded; ++nth) {
+    for (int nth = 1; !succeeded; ++nth) {
       SCOPED_TRACE(std::string(c.name) + " number " + std::to_string(nth));
-      ASSERT_LT(nth, 40) << "the call is never made often enough to succeed at last";
-      clear_faults();
-      *c.fault = {nth, c.error};
+      ASSERT_LE(nth, 40) << "the call is never made often enough to succeed at last";
       RollupStore store;
+      std::optional<faults::Fail> fault(std::in_place, c.call, c.error, nth, 1);
       ASSERT_TRUE(store.open(dir_.path()));
       succeeded = write_every_kind(store, write);
-      const bool fault_was_hit = c.fault->calls_before < 0;
-      clear_faults();
+      const bool fault_was_hit = fault->hit();
+      fault.reset();
       if (succeeded) {
         EXPECT_FALSE(fault_was_hit);
         break;
@@ -407,22 +348,20 @@ TEST_F(RollupStoreTest, AnyFailedCallLeavesTheFolderAsItWas) {
   }
 }
 
-TEST_F(RollupStoreTest, AWriteThatTakesHalfIsFinished) {
+TEST_F(RollupStoreTest, AWriteThatStopsInsideARecordIsFinished) {
   std::map<std::string, std::string> whole;
   bool fault_was_hit = true;
-  for (int nth = -1; fault_was_hit; ++nth) {  // the first time around without a fault
+  for (int nth = 0; fault_was_hit; ++nth) {  // the first time around without a fault
     SCOPED_TRACE("pwrite number " + std::to_string(nth));
     for (const auto &[name, bytes] : snapshot()) fs::remove(dir_.file(name));
     RollupStore store;
     ASSERT_TRUE(store.open(dir_.path()));
     ASSERT_TRUE(write(store, "in_place.nnt", {600, 660}) && write(store, "rewound.nnt", {600}) &&
                 store.commit());
-    pwrite_fault = {nth, 0};
-    pwrite_writes_half = true;
+    const faults::Short fault(faults::Call::pwrite, 16, nth, nth > 0 ? 1 : 0);
     ASSERT_TRUE(write_every_kind(store, write)) << store.error();
-    fault_was_hit = pwrite_fault.calls_before < 0;
-    clear_faults();
-    if (nth < 0) whole = snapshot();
+    fault_was_hit = nth == 0 || fault.hit();
+    if (nth == 0) whole = snapshot();
     EXPECT_EQ(snapshot(), whole);
   }
 }
@@ -430,7 +369,7 @@ TEST_F(RollupStoreTest, AWriteThatTakesHalfIsFinished) {
 TEST_F(RollupStoreTest, NamesTheFileAndTheReason) {
   RollupStore store;
   ASSERT_TRUE(store.open(dir_.path()));
-  pwrite_fault = {0, ENOSPC};
+  const faults::Fail fault(faults::Call::pwrite, ENOSPC, 1, 1);
   EXPECT_FALSE(write(store, "a.nnt", {120}));
   EXPECT_EQ(store.error(), dir_.file("a.nnt") + ": cannot be written: No space left on device");
 }

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "test/support/syscall_faults.h"
+#include "test/support/faults.h"
 
 namespace {
 
@@ -80,8 +80,7 @@ TEST(StrdupReader, WithoutMemoryItOwnsNothingAndTheEarlierCopyIsGone) {
   strdup_reader_t s;
   strdup_reader_init(&s);
   ASSERT_TRUE(strdup_reader_try_fill(&s, "first"));
-  SyscallFaults faults;
-  faults.fail("strdup", ENOMEM);
+  const faults::Fail fault(faults::Call::strdup, ENOMEM);
   EXPECT_FALSE(strdup_reader_try_fill(&s, "second"));
   EXPECT_EQ(s.to_free.mem.input_buffer, nullptr);
   EXPECT_EQ(s.to_free.mem.input_buffer_size, 0u);

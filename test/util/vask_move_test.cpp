@@ -13,12 +13,17 @@
 #include <vector>
 
 #include "ruxo/eventer.h"
+#include "test/support/faults.h"
 #include "test/support/log_capture.h"
-#include "test/support/syscall_faults.h"
 #include "test/support/temp_dir.h"
 
 namespace {
 
+using faults::Answer;
+using faults::Call;
+using faults::Fail;
+using faults::Short;
+using faults::Uses;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -156,11 +161,10 @@ TEST_F(VaskMove, AMissingSourceFailsTwice) {
 
 TEST_F(VaskMove, ASourceThatCannotBeUnlinkedStaysBesideACompleteDestination) {
   const std::string src = source();
-  SyscallFaults faults;
-  faults.fail("unlink", EACCES, 1);
-  faults.fail("unlink", EACCES, 2);
+  const Uses uses;
+  const Fail fault(Call::unlink, EACCES, 1, 2);
   EXPECT_EQ(vask_synch_move(src.c_str(), dest().c_str()), -1);
-  EXPECT_EQ(faults.uses("unlink"), 2);
+  EXPECT_EQ(uses(Call::unlink), 2);
   EXPECT_EQ(dir_.read("source"), "some bytes");
   EXPECT_EQ(dir_.read("dest"), "some bytes");
   EXPECT_THAT(error_.lines(),
@@ -179,36 +183,33 @@ TEST_F(VaskMove, MovingAFileOntoItselfDestroysNothing) {
 
 TEST_F(VaskMove, InterruptedCallsAreRepeated) {
   const std::string src = source();
-  SyscallFaults faults;
-  for (const char *call : {"open", "fstat", "write"}) faults.fail(call, EINTR, 1);
-  faults.fail("open", EINTR, 3);
-  faults.fail("write", EAGAIN, 2);
+  const Uses uses;
+  const Fail open_source(Call::open, EINTR, 1, 1), open_dest(Call::open, EINTR, 3, 1);
+  const Fail stat_source(Call::fstat, EINTR, 1, 1);
+  const Fail first_write(Call::write, EINTR, 1, 1), second_write(Call::write, EAGAIN, 2, 1);
   EXPECT_EQ(vask_synch_move(src.c_str(), dest().c_str()), 0);
-  EXPECT_EQ(faults.uses("open"), 4);
-  EXPECT_EQ(faults.uses("fstat"), 2);
-  EXPECT_EQ(faults.uses("write"), 3);
+  EXPECT_EQ(uses(Call::open), 4);
+  EXPECT_EQ(uses(Call::fstat), 2);
+  EXPECT_EQ(uses(Call::write), 3);
   EXPECT_EQ(dir_.read("dest"), "some bytes");
   EXPECT_THAT(error_.lines(), IsEmpty());
 }
 
 TEST_F(VaskMove, ShortWritesAreContinued) {
   const std::string src = source();
-  SyscallFaults faults;
-  faults.shorten("write", 3, 1);
-  faults.shorten("write", 1, 2);
+  const Uses uses;
+  const Short three(Call::write, 3, 1, 1), one(Call::write, 1, 2, 1);
   EXPECT_EQ(vask_synch_move(src.c_str(), dest().c_str()), 0);
-  EXPECT_EQ(faults.uses("write"), 3);
+  EXPECT_EQ(uses(Call::write), 3);
   EXPECT_EQ(dir_.read("dest"), "some bytes");
 }
 
 TEST_F(VaskMove, AFailedFstatClosesTheSourceAndCreatesNothing) {
   const std::string src = source();
-  SyscallFaults faults;
-  faults.fail("fstat", EIO, 1);
-  faults.fail("fstat", EIO, 2);
-  faults.shorten("close", 0, 100);  // only counts
+  const Uses uses;
+  const Fail fault(Call::fstat, EIO, 1, 2);
   EXPECT_EQ(vask_synch_move(src.c_str(), dest().c_str()), -1);
-  EXPECT_EQ(faults.uses("close"), 2);
+  EXPECT_EQ(uses(Call::close), 2);
   EXPECT_FALSE(exists(dest()));
   EXPECT_THAT(error_.lines(), ElementsAre(failed("error on fstat for", EIO),
                                           failed("error on fstat for", EIO), gave_up("_vask_move", EIO)));
@@ -216,10 +217,8 @@ TEST_F(VaskMove, AFailedFstatClosesTheSourceAndCreatesNothing) {
 
 TEST_F(VaskMove, AFailedWriteKeepsTheSource) {
   const std::string src = source();
-  SyscallFaults faults;
-  faults.shorten("write", 4, 1);
-  faults.fail("write", ENOSPC, 2);
-  faults.fail("write", ENOSPC, 3);
+  const Short four(Call::write, 4, 1, 1);
+  const Fail fault(Call::write, ENOSPC, 2, 2);
   EXPECT_EQ(vask_synch_move(src.c_str(), dest().c_str()), -1);
   EXPECT_EQ(dir_.read("source"), "some bytes");
   EXPECT_EQ(errno, ENOSPC);
@@ -234,8 +233,7 @@ TEST_F(VaskMove, AFailedWriteKeepsTheSource) {
 
 TEST_F(VaskMove, AWriteThatReportsTooMuchIsAnError) {
   const std::string src = source();
-  SyscallFaults faults;
-  faults.answer("write", 11, 1);
+  const Answer fault(Call::write, 11, 1, 1);
   EXPECT_EQ(vask_synch_move(src.c_str(), dest().c_str()), 0) << "the second attempt is fine";
   EXPECT_THAT(error_.lines(),
               ElementsAre("_cross_fs_rename: got weird error, wrote more bytes than expected\n",
@@ -244,17 +242,14 @@ TEST_F(VaskMove, AWriteThatReportsTooMuchIsAnError) {
 
 TEST_F(VaskMove, AWriteWithoutProgressIsAnError) {
   const std::string src = source();
-  SyscallFaults faults;
-  faults.answer("write", 0, 1);
+  const Answer fault(Call::write, 0, 1, 1);
   EXPECT_EQ(vask_synch_move(src.c_str(), dest().c_str()), 0) << "the second attempt is fine";
   EXPECT_THAT(error_.lines(), ElementsAre(failed("error writing to destination file", EIO)));
 }
 
 TEST_F(VaskMove, FailedClosesAreOnlyLogged) {
   const std::string src = source();
-  SyscallFaults faults;
-  faults.fail("close", EIO, 1);
-  faults.fail("close", EDQUOT, 2);
+  const Fail of_source(Call::close, EIO, 1, 1), of_dest(Call::close, EDQUOT, 2, 1);
   EXPECT_EQ(vask_synch_move(src.c_str(), dest().c_str()), 0);
   EXPECT_EQ(dir_.read("dest"), "some bytes");
   EXPECT_THAT(error_.lines(), ElementsAre(failed("failed to close source fd", EIO),
@@ -263,11 +258,10 @@ TEST_F(VaskMove, FailedClosesAreOnlyLogged) {
 
 TEST_F(VaskMove, AFailedMapClosesBothDescriptors) {
   const std::string src = source();
-  SyscallFaults faults;
-  faults.fail("mmap", ENOMEM, 1);
-  faults.shorten("close", 0, 100);  // only counts
+  const Uses uses;
+  const Fail fault(Call::mmap, ENOMEM, 1, 1);
   EXPECT_EQ(vask_synch_move(src.c_str(), dest().c_str()), 0) << "the second attempt is fine";
-  EXPECT_EQ(faults.uses("close"), 4);
+  EXPECT_EQ(uses(Call::close), 4);
   EXPECT_THAT(error_.lines(), ElementsAre(failed("error on mmap", ENOMEM)));
 }
 
