@@ -47,6 +47,7 @@ bool begins_with_magic(const std::string &path) {
   if (fd < 0) return true;  // cannot tell: to be reported when it is opened
   const ssize_t count = pread(fd, magic, sizeof magic, 0);
   close(fd);
+  if (count < 0) return true;  // cannot tell either
   return count == sizeof magic && memcmp(magic, NNT_V1_MAGIC, sizeof magic) == 0;
 }
 
@@ -114,9 +115,12 @@ class Verifier {
     std::vector<Found> entries;
     const ReachablePath reachable(folder, false);
     const std::unique_ptr<DIR, CloseFolder> open_folder(opendir(reachable.path().c_str()));
-    if (!open_folder) report_problem(folder, {strerror(errno), exit_failed});
+    if (!open_folder) {
+      report_problem(folder, {strerror(errno), exit_failed});
+      return entries;
+    }
     const std::string prefix = folder + (folder.ends_with('/') ? "" : "/");
-    while (const dirent *entry = open_folder ? readdir(open_folder.get()) : nullptr) {
+    while (const dirent *entry = next_entry(folder, open_folder.get())) {
       if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
       struct stat info {};
       if (fstatat(dirfd(open_folder.get()), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -127,6 +131,14 @@ class Verifier {
       }
     }
     return entries;
+  }
+
+  // Null at the end, and, said so, where the folder cannot be read any further.
+  const dirent *next_entry(const std::string &folder, DIR *open_folder) {
+    errno = 0;
+    const dirent *entry = readdir(open_folder);
+    if (entry == nullptr && errno != 0) report_problem(folder, {strerror(errno), exit_failed});
+    return entry;
   }
 
   // Folders of data hold other files as well; those that claim to be NNT files count.

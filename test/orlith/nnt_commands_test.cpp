@@ -12,6 +12,7 @@
 #include "orlith/signals.h"
 #include "test/orlith/nnt_model.h"
 #include "test/orlith/tool_fixture.h"
+#include "test/support/faults.h"
 #include "test/support/temp_dir.h"
 
 namespace {
@@ -302,6 +303,23 @@ TEST_F(NntCommands, VerifySearchesFoldersAndSkipsOtherFiles) {
       tool.out.text,
       HasSubstr("3 file(s), 576 records: 2 damaged file(s), 2 damaged record(s); 1 other file(s) skipped\n"));
   EXPECT_THAT(tool.err.text, HasSubstr("data/z.nnt: unknown version: found 'dama', expected 'NNT1'\n"));
+}
+
+TEST_F(NntCommands, VerifySaysWhenAFolderCannotBeReadToItsEnd) {
+  std::filesystem::create_directories(folder.file("data"));
+  folder.write("data/one.nnt", sample_nnt_file());
+  folder.write("data/two.nnt", damaged_nnt_file());
+  const faults::Fail fault(faults::Call::readdir, EIO, 1, 1);
+  EXPECT_EQ(tool.run({"nnt", "verify", folder.file("data")}), exit_failed);
+  EXPECT_THAT(tool.err.text, HasSubstr(folder.file("data") + ": Input/output error\n"));
+}
+
+TEST_F(NntCommands, VerifyDoesNotSkipAFileThatItCannotRead) {
+  std::filesystem::create_directories(folder.file("data"));
+  folder.write("data/without-extension", sample_nnt_file());
+  const faults::Fail fault(faults::Call::pread, EIO);
+  EXPECT_EQ(tool.run({"nnt", "verify", folder.file("data")}), exit_failed);
+  EXPECT_THAT(tool.err.text, HasSubstr(folder.file("data/without-extension") + ": Input/output error\n"));
 }
 
 TEST_F(NntCommands, VerifyEndsWithThreeWhenAFileIsNotThere) {
