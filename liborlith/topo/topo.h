@@ -128,8 +128,8 @@ RUXO_EXPORT void topo_init_globals(void);
 
 /* ---- Placement hash (SHA-256, FIPS 180-4) ---- */
 
-/* Hashes `len` bytes of `data` (may be null when len is 0) into out[0..31]. Allocates nothing after a
- * thread's first call. Any thread. */
+/* Hashes `len` bytes of `data` (may be null when len is 0) into out[0..31]. Allocates nothing. Any thread, also
+ * in destructors that run while a thread or the process ends. */
 RUXO_EXPORT void topo_hash(const void *data, size_t len, uint8_t *out);
 /* Starts an incremental hash and allocates its digest context; every init needs its final. Stops the process
  * when libcrypto knows no SHA-256. One thread at a time per context. */

@@ -65,6 +65,32 @@ TEST(TopoHash, EveryThreadHashesByItself) {
   EXPECT_EQ(wrong, (std::array<int, 4>{}));
 }
 
+// Hashes when it is destroyed.
+struct HashesLast {
+  ~HashesLast() { fprintf(stderr, "%s %s\n", when, hash_of("abc").c_str()); }
+  const char *when;
+};
+
+TEST(TopoHash, WorksInDestructorsOfAnEndingThread) {
+  testing::internal::CaptureStderr();
+  std::thread([] {
+    static thread_local HashesLast last{"thread"};  // made before the first hash, so destroyed after it
+    EXPECT_STREQ(last.when, "thread");
+    hash_of("");
+  }).join();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string("thread ") + kHashOfAbc + "\n");
+}
+
+TEST(TopoHashDeathTest, WorksInDestructorsOfAnEndingProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto hash_and_leave = [] {
+    static const HashesLast last{"process"};
+    hash_of("");
+    exit(0);
+  };
+  EXPECT_EXIT(hash_and_leave(), testing::ExitedWithCode(0), std::string("process ") + kHashOfAbc);
+}
+
 TEST(TopoHashContext, PiecesHashLikeTheWhole) {
   topo_hash_ctx_t ctx;
   topo_hash_ctx_init(&ctx);
