@@ -122,11 +122,16 @@ const ruxo_json_object *member(const ruxo_json_object *obj, const char *key, rux
   return present && ruxo_json_type(value) == type ? value : nullptr;
 }
 
+// An integer modulo 2^64, whichever of the two ranges of JSON integers it is in.
+uint64_t integer_bits(const ruxo_json_object *value) {
+  return ruxo_json_is_int64(value) ? static_cast<uint64_t>(ruxo_json_int(value)) : ruxo_json_uint(value);
+}
+
 bool read_account(const ruxo_json_object *obj, int32_t *account_id) {
   ruxo_boolean present = ruxo_false;
   ruxo_json_object_get(obj, "account_id", &present);
   const ruxo_json_object *account = member(obj, "account_id", RUXO_JSON_INT);
-  if (account != nullptr) *account_id = static_cast<int32_t>(ruxo_json_int(account));
+  if (account != nullptr) *account_id = static_cast<int32_t>(integer_bits(account));
   return !present || account != nullptr;
 }
 
@@ -150,7 +155,7 @@ extern "C" Locator *orlith_metric_locator_from_json(const ruxo_json_object *obj)
   if (type == nullptr || name == nullptr) return nullptr;
   size_t name_len = 0;
   const char *name_text = ruxo_json_string(name, &name_len);
-  return create_from_text(account_id, static_cast<uint16_t>(ruxo_json_int(type)), uuid, name_text, name_len);
+  return create_from_text(account_id, static_cast<uint16_t>(integer_bits(type)), uuid, name_text, name_len);
 }
 
 // ---- Base64 path

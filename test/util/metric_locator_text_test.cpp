@@ -239,6 +239,29 @@ TEST(MetricLocatorJson, TypesAreTakenModulo65536) {
   EXPECT_EQ(orlith_metric_locator_get_type(from_json(json_with("1", uuid, "-1", "\"cpu\"")).get()), 65535);
   EXPECT_EQ(orlith_metric_locator_get_type(from_json(json_with("1", uuid, "4294967297", "\"cpu\"")).get()),
             1);
+  // Beyond the signed numbers, up to 2^64 - 1.
+  const LocatorPtr loc = from_json(json_with("1", uuid, "18446744073709551613", "\"cpu\""));
+  EXPECT_EQ(orlith_metric_locator_get_type(loc.get()), 65533);
+}
+
+TEST(MetricLocatorJson, AccountsAreTakenModulo2To32) {
+  const std::string uuid = '"' + std::string(kTestUuid) + '"';
+  const struct {
+    const char *text;
+    int32_t account;
+  } cases[] = {{"2147483647", 2147483647},
+               {"-2147483648", -2147483647 - 1},
+               {"2147483648", -2147483647 - 1},
+               {"4294967301", 5},
+               {"-4294967301", -5},
+               {"9223372036854775807", -1},
+               {"9223372036854775810", 2},
+               {"18446744073709551609", -7}};
+  for (const auto &test : cases) {
+    const LocatorPtr loc = from_json(json_with(test.text, uuid, "1", "\"cpu\""));
+    ASSERT_NE(loc, nullptr) << test.text;
+    EXPECT_EQ(orlith_metric_locator_get_account_id(loc.get()), test.account) << test.text;
+  }
 }
 
 TEST(MetricLocatorJson, ANameThatTheCanonicalFormRefusesIsLogged) {
