@@ -49,7 +49,7 @@ struct orlith_metric_locator_immutable_data {
   pobe_metric_tagset_t stream_tags;  /* parsed from the key; the tags point into key_mem */
   uint64_t surrogate_id;             /* 0 until the host sets it */
   uint32_t key_len;                  /* bytes of key_mem without its NUL */
-  uint32_t untagged_metric_name_len; /* bytes of key_mem before the stream-tag block */
+  uint32_t untagged_metric_name_len; /* bytes of key_mem before its first "|ST["; all when there is none */
   void (*release)(orlith_metric_locator_immutable_data_t *); /* called by each locator's final deref */
   const char *key_mem;       /* the canonical name with its stream-tag block, NUL-terminated */
   const uint8_t *hash;       /* 32 bytes: SHA-256 of the key text */

@@ -149,6 +149,22 @@ TEST(MetricLocatorCreate, ANameWithoutTagsIsItsOwnUntaggedName) {
   EXPECT_EQ(orlith_metric_locator_get_name_len_without_tags(loc.get()), 15U);
 }
 
+// Kept on purpose, though such a mark begins no block and belongs to the plain name: see doc/metric-locator.md.
+TEST(MetricLocatorCreate, TheFirstMarkEndsTheUntaggedNameEvenWhereItBeginsNoBlock) {
+  const struct {
+    const char *name;
+    size_t untagged;
+    int tags;
+  } cases[] = {{"cpu|ST[a:1", 3, 0}, {"x|ST[y|ST[a:1]", 1, 1}, {"|ST[a:1]", 0, 1}, {"cpu|ST|x", 8, 0}};
+  for (const auto &test : cases) {
+    const LocatorPtr loc = make_locator(test.name);
+    ASSERT_NE(loc, nullptr) << test.name;
+    EXPECT_EQ(name_of(loc.get()), test.name);
+    EXPECT_EQ(orlith_metric_locator_get_name_len_without_tags(loc.get()), test.untagged) << test.name;
+    EXPECT_EQ(orlith_metric_locator_get_stream_tags(loc.get())->tag_count, test.tags) << test.name;
+  }
+}
+
 TEST(MetricLocatorCreate, ANullOrEmptyNameIsEmpty) {
   const LocatorPtr from_null(orlith_metric_locator_create(Uuid().bytes, nullptr, METRIC_TYPE_NUMERIC));
   const LocatorPtr from_empty = make_locator("");
