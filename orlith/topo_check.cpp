@@ -1,7 +1,6 @@
 // `orlith topo check`: whether a topology document compiles.
 #include <fmt/format.h>
 
-#include "orlith/cli.h"
 #include "orlith/topology_file.h"
 
 namespace {
@@ -10,35 +9,36 @@ struct Options {
   std::string file;
 };
 
-int report_fault(const Options &options, const std::string &message, int code, Session &session) {
-  session.error(message);
-  if (!session.settings.json) return code;
+Json report(const Options &options, const topo_config *topology, const std::string &fault) {
   Json json = Json::object();
-  json.set("file", options.file).set("valid", false).set("error", message);
-  session.out << json.text() << "\n";
-  return code;
+  json.set("file", options.file).set("valid", topology != nullptr);
+  if (topology == nullptr) {
+    json.set("error", fault);
+  } else {
+    json.set("nodes", topology->host_count).set("write_copies", topology->w_count);
+    json.set("signature", topology->hex_signature);
+  }
+  return json;
 }
 
 int run(const Options &options, Session &session) {
   int code = exit_fine;
-  std::string message;
-  const Topology topology = load_topology(options.file, &code, &message);
-  if (topology == nullptr) return report_fault(options, message, code, session);
+  std::string fault;
+  const Topology topology = load_topology(options.file, &code, session, &fault);
   if (session.settings.json) {
-    Json json = Json::object();
-    json.set("file", options.file).set("valid", true).set("nodes", topology->host_count);
-    json.set("write_copies", topology->w_count).set("signature", topology->hex_signature);
-    session.out << json.text() << "\n";
-  } else {
-    session.out << fmt::format("{}: valid, {} nodes, {} copies, signature {}\n", escaped(options.file),
-                               topology->host_count, topology->w_count, topology->hex_signature);
+    session.out << report(options, topology.get(), fault).text() << "\n";
+  } else if (topology != nullptr) {
+    session.out << fmt::format("{}: valid, {} {}, {} {}, signature {}\n", escaped(options.file),
+                               topology->host_count, topology->host_count == 1 ? "node" : "nodes",
+                               topology->w_count, topology->w_count == 1 ? "copy" : "copies",
+                               topology->hex_signature);
   }
-  return exit_fine;
+  return topology == nullptr ? code : exit_fine;
 }
 
 Run configure(CLI::App &app) {
   auto options = std::make_shared<Options>();
-  app.add_option("FILE", options->file, "topology document (XML)")->type_name("FILE")->required();
+  add_topology_option(app, &options->file);
   return [options](Session &session) { return run(*options, session); };
 }
 

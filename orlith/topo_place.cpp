@@ -4,7 +4,6 @@
 
 #include "liborlith/util/metric_locator.h"
 #include "orlith/check_uuid.h"
-#include "orlith/cli.h"
 #include "orlith/table.h"
 #include "orlith/topology_file.h"
 #include "pobe/pobe.h"
@@ -24,13 +23,11 @@ using Locator = std::unique_ptr<orlith_metric_locator_t, Deref>;
 
 // Why the name has no locator.
 std::string name_fault(const std::string &name) {
-  constexpr size_t too_long = 4096;
-  std::string canonical(too_long, '\0');
-  const ssize_t length = pobe_metric_canonicalize_ex(name.data(), name.size(), canonical.data(),
-                                                     canonical.size(), true, true, false);
+  const ssize_t length = pobe_metric_canonicalize_ex(name.data(), name.size(), nullptr, 0, true, true, false);
   if (length < 0) return pobe_error_text(length);
-  if (static_cast<size_t>(length) >= too_long)
-    return fmt::format("its canonical form has {} bytes, expected at most 4095", length);
+  if (length > ORLITH_METRIC_LOCATOR_MAX_NAME)
+    return fmt::format("its canonical form has {} bytes, expected at most {}", length,
+                       ORLITH_METRIC_LOCATOR_MAX_NAME);
   return "its tags are refused (the categories __name, __type, __activity and __check_uuid are reserved)";
 }
 
@@ -85,18 +82,17 @@ int run(const Options &options, Session &session) {
   int code = exit_fine;
   const Topology topology = load_topology(options.file, &code, session);
   if (topology == nullptr) return code;
-  if (options.name.find('\0') == std::string::npos)
-    if (const Locator locator = make_locator(options, uuid)) {
-      print_placement(options, uuid, *topology, locator.get(), session);
-      return exit_fine;
-    }
+  if (const Locator locator = make_locator(options, uuid)) {
+    print_placement(options, uuid, *topology, locator.get(), session);
+    return exit_fine;
+  }
   session.error(fmt::format("the name {} is refused: {}", in_quotes(options.name), name_fault(options.name)));
   return exit_damaged;
 }
 
 Run configure(CLI::App &app) {
   auto options = std::make_shared<Options>();
-  app.add_option("FILE", options->file, "topology document (XML)")->type_name("FILE")->required();
+  add_topology_option(app, &options->file);
   app.add_option("UUID", options->check, "the metric's check")->type_name("UUID")->required();
   app.add_option("NAME", options->name, "the metric's name, stream tags included")
       ->type_name("NAME")

@@ -2,7 +2,6 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
 
-#include "orlith/cli.h"
 #include "orlith/progress.h"
 #include "orlith/ring_share.h"
 #include "orlith/table.h"
@@ -65,7 +64,7 @@ int run(const Options &options, Session &session) {
 
 Run configure(CLI::App &app) {
   auto options = std::make_shared<Options>();
-  app.add_option("FILE", options->file, "topology document (XML)")->type_name("FILE")->required();
+  add_topology_option(app, &options->file);
   return [options](Session &session) { return run(*options, session); };
 }
 

@@ -7,20 +7,22 @@
 #include <string_view>
 
 #include "liborlith/topo/topo.h"
-#include "orlith/session.h"
+#include "orlith/cli.h"
 
 struct FreeTopology {
   void operator()(topo_config *topology) const { topo_free(topology); }
 };
 using Topology = std::unique_ptr<topo_config, FreeTopology>;
 
+// The argument that names the document of a command.
+void add_topology_option(CLI::App &app, std::string *file);
+
 // The compiled topology of a file. Null after an error message, with *code the exit code: not found, failed (the
-// file cannot be read) or refused.
-Topology load_topology(const std::string &path, int *code, Session &session);
-// The same with the message handed back instead of written; it begins with the path and is escaped.
-Topology load_topology(const std::string &path, int *code, std::string *message);
+// file cannot be read) or refused; then `fault`, unless null, receives the message, which is escaped and begins with
+// the path.
+Topology load_topology(const std::string &path, int *code, Session &session, std::string *fault = nullptr);
 
 // The same for a document in memory; `name` stands before the message.
-Topology compile_topology(std::string_view document, std::string_view name, Session &session);
+Topology compile_topology(std::string_view text, std::string_view name, Session &session);
 
 #endif

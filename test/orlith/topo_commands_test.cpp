@@ -218,6 +218,46 @@ TEST(TopoCheck, NamesTheFaultOfARefusedDocument) {
   }
 }
 
+// The compiler has one general message for these.
+TEST(TopoCheck, SaysWhatIsNoTopologyAtAll) {
+  const TempDir folder;
+  struct Case {
+    std::string text, message;
+  };
+  std::vector<NodeModel> many;
+  for (size_t i = 0; i < 129; ++i) many.push_back({id_of(i), 1, ' '});
+  const Case cases[] = {
+      {"<cluster/>", "the root element is 'cluster', expected 'nodes'"},
+      {"<nodes xmlns=\"urn:x\"/>", "the root element 'nodes' is in the namespace 'urn:x', expected none"},
+      {"<nodes/>", "it has no element 'node'"},
+      {"<nodes><other/></nodes>", "it has no element 'node'"},
+      {"<nodes use_tls=\"yes\"/>", "use_tls: found 'yes', expected 'true' or 'false'"},
+      {document(many, 2), "it has 129 nodes, at most 128 are accepted"},
+  };
+  for (const Case &c : cases) {
+    ToolSession tool;
+    const std::string path = folder.write("t.xml", c.text);
+    EXPECT_EQ(tool.run({"topo", "check", path}), exit_damaged);
+    EXPECT_EQ(tool.err.text, "orlith topo check: error: " + path + ": " + c.message + "\n");
+  }
+}
+
+TEST(TopoCheck, WarnsOfTheOldNameOfCopies) {
+  const TempDir folder;
+  const std::string nodes = R"(<node id="1f846f26-0cfd-4df5-b4f1-e0930604e577" address="1.2.3.4" port="1" )"
+                            R"(apiport="2" weight="3"/></nodes>)";
+  const std::string path = folder.write("t.xml", "<nodes n=\"1\">" + nodes);
+  ToolSession tool;
+  EXPECT_EQ(tool.run({"topo", "check", path}), exit_fine);
+  EXPECT_EQ(tool.err.text, "orlith topo check: warning: " + path +
+                               ": the attribute 'n' is deprecated, write 'write_copies' instead\n");
+  EXPECT_THAT(tool.out.text, testing::StartsWith(path + ": valid, 1 node, 1 copy, signature "));
+  const std::string both = folder.write("t.xml", "<nodes n=\"1\" write_copies=\"1\">" + nodes);
+  ToolSession quiet;
+  EXPECT_EQ(quiet.run({"topo", "check", both}), exit_fine);
+  EXPECT_EQ(quiet.err.text, "");
+}
+
 TEST(TopoCheck, NamesTheLineOfAnXmlError) {
   const TempDir folder;
   ToolSession tool;
@@ -245,6 +285,19 @@ TEST(TopoCommands, EndWithThreeWhenTheFileIsNotThere) {
     EXPECT_EQ(tool.run(arguments), exit_not_found);
     EXPECT_THAT(tool.err.text, HasSubstr("/no/such.xml: No such file or directory\n"));
   }
+}
+
+// The document cannot be blamed for these.
+TEST(TopoCommands, EndWithOneWhenTheFileCannotBeRead) {
+  const TempDir folder;
+  ToolSession tool;
+  EXPECT_EQ(tool.run({"topo", "check", "--json", folder.path()}), exit_failed);
+  EXPECT_EQ(tool.err.text, "orlith topo check: error: " + folder.path() + ": Is a directory\n");
+  EXPECT_EQ(tool.out.text, "{\"file\":\"" + folder.path() + "\",\"valid\":false,\"error\":\"" +
+                               folder.path() + ": Is a directory\"}\n");
+  ToolSession other;
+  EXPECT_EQ(other.run({"topo", "show", cluster_path + "/x"}), exit_not_found);
+  EXPECT_THAT(other.err.text, HasSubstr("Not a directory"));
 }
 
 TEST(TopoShow, ListsNodesWithTheirShares) {
