@@ -86,16 +86,15 @@ TopoPtr compile(xmlDocPtr doc, const char *hexhash) {
 }  // namespace
 
 topo_config *topo_compile(xmlDocPtr doc, const char *hexhash, char **err) {
+  constexpr char kGeneralMessage[] = "XML parse error";
   if (err != nullptr) *err = nullptr;
-  std::string message;
   try {
     return compile(doc, hexhash).release();
   } catch (const TopoFault &fault) {
-    message = fault.what();
+    if (err != nullptr) *err = strdup(*fault.what() == '\0' ? kGeneralMessage : fault.what());
   } catch (const std::bad_alloc &) {
-    // The general message, like every fault that has none of its own.
+    if (err != nullptr) *err = strdup(kGeneralMessage);
   }
-  if (err != nullptr) *err = strdup(message.empty() ? "XML parse error" : message.c_str());
   return nullptr;
 }
 

@@ -28,10 +28,6 @@ struct FreeParser {
 using DocPtr = std::unique_ptr<xmlDoc, FreeDoc>;
 using ParserPtr = std::unique_ptr<xmlParserCtxt, FreeParser>;
 
-char *copy_message(const std::string &message) {
-  return strdup(message.c_str());
-}
-
 // What the parser's callbacks find out; its context's _private points here.
 struct ParseFindings {
   bool has_document_type = false;
@@ -78,45 +74,62 @@ DocPtr parse_document(std::string_view bytes) {
   return doc;
 }
 
+struct OpenFile {
+  explicit OpenFile(const char *path) : fd(open(path, O_RDONLY | O_CLOEXEC)) {}
+  ~OpenFile() {
+    if (fd >= 0) close(fd);
+  }
+  OpenFile(const OpenFile &) = delete;
+  OpenFile &operator=(const OpenFile &) = delete;
+
+  const int fd;
+};
+
 std::string read_file(const char *path) {
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw TopoFault(strerror(errno));
+  const OpenFile file(path);
+  if (file.fd < 0) throw TopoFault(strerror(errno));
   std::string bytes;
   char buffer[16 * 1024];
-  ssize_t got = 0;
   // One buffer past the limit is enough for the parser's check to see that the file is too large.
   while (bytes.size() <= TOPO_DOCUMENT_MAX_BYTES) {
-    got = read(fd, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    bytes.append(buffer, static_cast<size_t>(got));
+    const ssize_t got = read(file.fd, buffer, sizeof buffer);
+    if (got == 0) break;
+    if (got > 0) {
+      bytes.append(buffer, static_cast<size_t>(got));
+    } else if (errno != EINTR) {
+      throw TopoFault(strerror(errno));
+    }
   }
-  const int error = errno;
-  close(fd);
-  if (got < 0) throw TopoFault(strerror(error));
   return bytes;
 }
 
-// Runs `parse`; a fault becomes null and a message that begins with `prefix`.
+// Runs `parse`; a fault becomes null and a message, which begins with the path unless that is null.
 template <class Parse>
-xmlDoc *document_or_message(const std::string_view prefix, char **err, Parse parse) noexcept {
+xmlDoc *document_or_message(const char *path, char **err, Parse parse) noexcept {
   if (err != nullptr) *err = nullptr;
+  const char *message = "out of memory";
+  std::string fault_message;
   try {
-    return parse().release();
-  } catch (const TopoFault &fault) {
-    if (err != nullptr) *err = copy_message(std::string(prefix) + fault.what());
+    try {
+      return parse().release();
+    } catch (const TopoFault &fault) {
+      if (path != nullptr) fault_message = std::string(path) + ": ";
+      fault_message += fault.what();
+      message = fault_message.c_str();
+    }
   } catch (const std::bad_alloc &) {
-    if (err != nullptr) *err = strdup("out of memory");
+    // Also when there is no memory for the message of a fault.
   }
+  if (err != nullptr) *err = strdup(message);
   return nullptr;
 }
 
 }  // namespace
 
 xmlDocPtr topo_parse_document(const char *bytes, size_t len, char **err) {
-  return document_or_message("", err, [&] { return parse_document({bytes, len}); });
+  return document_or_message(nullptr, err, [&] { return parse_document({bytes, len}); });
 }
 
 xmlDocPtr topo_parse_document_file(const char *path, char **err) {
-  return document_or_message(std::string(path) + ": ", err, [&] { return parse_document(read_file(path)); });
+  return document_or_message(path, err, [&] { return parse_document(read_file(path)); });
 }

@@ -3,9 +3,11 @@
 #include <libxml/parser.h>
 
 #include <cstring>
+#include <filesystem>
 
 #include "liborlith/topo/topo_private.h"
 #include "test/support/log_capture.h"
+#include "test/support/temp_dir.h"
 #include "test/topo/topo_test_support.h"
 
 long topo_test::allocations_before_failure = -1;
@@ -50,6 +52,19 @@ void __wrap_ruxo_uuid_unparse_lower(const uint8_t *uuid, char *out) {
   __real_ruxo_uuid_unparse_lower(uuid, out);
   if (ids_before_blank >= 0 && ids_before_blank-- == 0) *out = '\0';
 }
+}
+
+// What C++ allocates is counted too: malloc here is the wrapper above. Not inlined, or the compiler takes the
+// malloc and free inside for a mismatch.
+[[gnu::noinline]] void *operator new(size_t size) {
+  if (void *memory = malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void *memory) noexcept {
+  free(memory);
+}
+[[gnu::noinline]] void operator delete(void *memory, size_t) noexcept {
+  free(memory);
 }
 
 namespace {
@@ -476,23 +491,72 @@ TEST(TopoCompileDeathTest, AnIdWithoutTextIsFatal) {
   ids_before_blank = -1;
 }
 
-TEST(TopoCompile, EveryFailingAllocationIsAnErrorAndLeaksNothing) {
-  const DocPtr doc = parse(nodes("", node(kId1) + node(kId2)));
-  long failures = 0;
+// Runs `call` with the first, the second, ... allocation failing until none does. Returns how many did.
+template <class Call>
+long fail_each_allocation(Call call) {
   for (long n = 0;; ++n) {
     allocations_before_failure = n;
-    char *err = nullptr;
-    const TopoHandle tc(topo_compile(doc.get(), nullptr, &err));
+    call();
     const bool was_reached = allocations_before_failure < 0;
     allocations_before_failure = -1;
-    free(err);
-    if (tc != nullptr) {
-      EXPECT_FALSE(was_reached);
-      break;
-    }
-    ++failures;
+    if (!was_reached) return n;
   }
+}
+
+TEST(TopoCompile, EveryFailingAllocationIsAnErrorAndLeaksNothing) {
+  const DocPtr doc = parse(nodes("", node(kId1) + node(kId2)));
+  long compiled = 0;
+  const long failures = fail_each_allocation([&] {
+    char *err = nullptr;
+    const TopoHandle tc(topo_compile(doc.get(), nullptr, &err));
+    compiled += tc != nullptr;
+    free(err);
+  });
+  EXPECT_EQ(compiled, 1);
   EXPECT_GE(failures, 10);  // topology, nodes, 2 names, 2 URLs, and the four arrays of the ring
+}
+
+TEST(TopoCompile, FaultsAreReportedWithoutMemoryToo) {
+  for (const std::string &xml : {nodes("", node("x")), nodes("", ""), nodes("", node(kId1) + node(kId1))}) {
+    const LogCapture errors(&ruxo_error);
+    const DocPtr doc = parse(xml);
+    EXPECT_GT(fail_each_allocation([&] {
+                char *err = nullptr;
+                EXPECT_EQ(topo_compile(doc.get(), nullptr, &err), nullptr);
+                free(err);
+              }),
+              0);
+  }
+}
+
+TEST(TopoParseDocument, FaultsAreReportedWithoutMemoryToo) {
+  for (const std::string_view xml : {"", "<nodes>", "<!DOCTYPE a><a/>"}) {
+    EXPECT_GT(fail_each_allocation([&] {
+                char *err = nullptr;
+                EXPECT_EQ(topo_parse_document(xml.data(), xml.size(), &err), nullptr);
+                free(err);
+              }),
+              0);
+  }
+}
+
+long open_files() {
+  namespace fs = std::filesystem;
+  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
+
+TEST(TopoParseDocumentFile, FilesAreClosedWithoutMemoryToo) {
+  const TempDir dir;
+  const long before = open_files();
+  for (const std::string &path : {dir.file("none"), dir.write("large", std::string(40000, ' '))}) {
+    EXPECT_GT(fail_each_allocation([&] {
+                char *err = nullptr;
+                EXPECT_EQ(topo_parse_document_file(path.c_str(), &err), nullptr);
+                free(err);
+              }),
+              0);
+  }
+  EXPECT_EQ(open_files(), before);
 }
 
 }  // namespace
