@@ -7,15 +7,13 @@
  *
  * Conventions of this header:
  *   - a location, a signature and a hash are 32 bytes, compared with memcmp; a node id is 16 bytes;
- *   - `host_config **loc` receives pointers into the topology: they live as long as it does and are never
- * freed;
- *   - `char **err` may be null; otherwise it is set to null first and receives a message to free() on
- * failure;
+ *   - `host_config **loc` receives pointers into the topology: they live as long as it does, nobody frees them;
+ *   - `char **err` may be null; otherwise it is set to null first, and on failure to a message to free();
  *   - a compiled topology is only read, so placement and queries run on any number of threads without locks;
- * whoever calls keeps the topology alive. The functions that change what is active, and host_activate, are
- * for one control thread;
- *   - a broken invariant (more copies than there are eligible nodes, say) stops the process with a "[FATAL]"
- * line. */
+ *     whoever calls keeps the topology alive. The functions that change what is active, and host_activate, are
+ *     for one control thread;
+ *   - a broken invariant (more copies than there are eligible nodes, say) stops the process with a line that
+ *     begins "[FATAL]". */
 #ifndef LIBORLITH_TOPO_H
 #define LIBORLITH_TOPO_H
 
@@ -214,8 +212,8 @@ RUXO_EXPORT int topo_find_two(topo_config *tc, unsigned char *id, char *metric_n
 RUXO_EXPORT ruxo_boolean topo_is_mine(const struct orlith_metric_locator *metric_locator);
 /* The same for the key "UUID-METRIC"; one of 4133 bytes or more is logged and is nobody's. */
 RUXO_EXPORT ruxo_boolean topo_is_mine_uuid_name(const char *uuid_str, const char *metric_str);
-/* Writes the owners on `tc` to hc[0..9] and tells whether `me` (16 bytes) is one of them. `hc` must not be
- * null. */
+/* Writes the owners on `tc` to hc[0..9] and tells whether `me` (16 bytes) is one of them; a null `tc` has none.
+ * `hc` must not be null. */
 RUXO_EXPORT ruxo_boolean topo_is_local_to_topology(const struct orlith_metric_locator *metric_locator,
                                                    const topo_config *tc, unsigned char *me,
                                                    host_config **hc);

@@ -109,5 +109,6 @@ ruxo_boolean topo_is_mine_uuid_name(const char *uuid_str, const char *metric_str
 ruxo_boolean topo_is_local_to_topology(const orlith_metric_locator_t *metric_locator, const topo_config *tc,
                                        unsigned char *me, host_config **hc) {
   liborlith_assert(hc);
+  if (tc == nullptr) return ruxo_false;
   return is_among(hc, topo_find_insertion_point_config_locator(tc, metric_locator, hc, 0), me);
 }

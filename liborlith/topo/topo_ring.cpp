@@ -3,9 +3,8 @@
 // Facts about a compiled ring that the code below leans on:
 //   - slots lie in ring order in one block, which fast_slot_ring[0] begins (topo_free needs that as well);
 //   - the last hint's upper is the index of the last point;
-//   - the points of a bucket are between its hints, and the first point at or after any location of the
-//   bucket is
-//     between lower and upper, or it is upper + 1 == size (then the location is beyond all points).
+//   - the points of a bucket are between its hints, and the first point at or after any location of the bucket
+//     is between lower and upper, or it is upper + 1 == size (then the location is beyond all points).
 #include "liborlith/topo/topo.h"
 
 #include <algorithm>
@@ -201,8 +200,7 @@ void fast_walk(Ring ring, Location location, host_config **loc, int copies) {
   }
 }
 
-// The reference walk's search: the point at the location or right of it, the first point of all beyond the
-// last.
+// The reference walk's search: the point at the location or right of it; beyond the last point, the first.
 ruxo_skiplist_node find_start(const topo_config *tc, const uint8_t *location) {
   ruxo_skiplist_node node = nullptr;
   ruxo_skiplist_node next = nullptr;

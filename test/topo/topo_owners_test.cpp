@@ -85,6 +85,13 @@ TEST_F(TopoOwners, WithoutAnActiveTopologyNobodyOwnsAnything) {
   EXPECT_FALSE(topo_is_mine_uuid_name(kCheck.c_str(), kName.c_str()));
 }
 
+// A host asks about the next topology, which there may not be.
+TEST_F(TopoOwners, NothingIsLocalToNoTopology) {
+  const LocatorPtr locator = make_locator();
+  host_config *loc[10];
+  EXPECT_FALSE(topo_is_local_to_topology(locator.get(), topo_next_active(), tc->hc[0].id, loc));
+}
+
 TEST_F(TopoOwners, FindTwo) {
   host_config *h1 = nullptr;
   host_config *h2 = nullptr;
