@@ -7,6 +7,8 @@
 #include <string_view>
 
 #include "pobe/pobe.h"
+#include "pobe/side_bytes_private.h"
+#include "pobe/text_private.h"
 
 namespace pobe {
 namespace {
@@ -14,36 +16,12 @@ namespace {
 constexpr std::string_view kBlockStart = "|ST[";
 constexpr size_t kMostTags = 32;
 
-constexpr uint8_t kEndsCategory = 1;
-constexpr uint8_t kEndsValue = 2;
-
-// Bytes that end a side, rightly or not. Encoded sides hold a quote, so they are among what is left to others.
-constexpr std::array<uint8_t, 256> make_side_ends() {
-  std::array<uint8_t, 256> ends{};
-  for (const char byte : {',', '|', '[', ']', '{', '}', '"'})
-    ends[static_cast<uint8_t>(byte)] = kEndsCategory | kEndsValue;
-  ends[static_cast<uint8_t>(':')] = kEndsCategory;
-  return ends;
-}
-constexpr std::array<uint8_t, 256> kSideEnds = make_side_ends();
-
-constexpr uint64_t every_byte(uint8_t value) {
-  return 0x0101010101010101u * value;
-}
-
-// Set where one of the eight bytes is outside 0x20 to 0x7e.
-uint64_t unprintable(const char *bytes) noexcept {
-  uint64_t word;
-  std::memcpy(&word, bytes, sizeof(word));
-  return (word | (word - every_byte(0x20)) | (word + every_byte(0x01))) & every_byte(0x80);
-}
-
 bool is_printable_ascii(std::string_view text) noexcept {
   const char *at = text.data();
   const char *const end = at + text.size();
   if (text.size() >= 8) {
-    uint64_t faults = unprintable(end - 8);  // the last bytes, some of them once more below
-    for (; end - at >= 8; at += 8) faults |= unprintable(at);
+    uint64_t faults = unprintable_bytes(end - 8);  // the last bytes, some of them once more below
+    for (; end - at >= 8; at += 8) faults |= unprintable_bytes(at);
     return faults == 0;
   }
   for (; at != end; ++at)
@@ -69,13 +47,14 @@ bool precedes(const pobe_metric_tag_t &a, const pobe_metric_tag_t &b) noexcept {
   return a_value < b_value;
 }
 
-// Cuts the tag at `at`, which ends before `end` or with a comma; null when it is not a plain one.
+// Cuts the tag at `at`, which ends before `end` or with a comma; null when it is not a plain one. An encoded side
+// holds a quote, which stops it.
 const char *cut_tag(const char *at, const char *end, pobe_metric_tag_t &tag) noexcept {
   const char *const category = at;
-  while (at != end && (kSideEnds[static_cast<uint8_t>(*at)] & kEndsCategory) == 0) ++at;
+  while (at != end && (kSideStops[static_cast<uint8_t>(*at)] & kStopsCategory) == 0) ++at;
   if (at == end || *at != ':' || at == category || !has_good_ends(category, at)) return nullptr;
   const char *const value = ++at;
-  while (at != end && (kSideEnds[static_cast<uint8_t>(*at)] & kEndsValue) == 0) ++at;
+  while (at != end && (kSideStops[static_cast<uint8_t>(*at)] & kStopsValue) == 0) ++at;
   if ((at != end && *at != ',') || !has_good_ends(value, at)) return nullptr;
   tag = {category, static_cast<uint16_t>(at - category), static_cast<uint16_t>(value - category)};
   return at;

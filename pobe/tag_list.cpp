@@ -1,9 +1,9 @@
 #include "pobe/tag_list_private.h"
 
 #include <algorithm>
-#include <array>
 
 #include "pobe/base64_private.h"
+#include "pobe/side_bytes_private.h"
 #include "pobe/text_private.h"
 
 namespace pobe {
@@ -18,32 +18,19 @@ static_assert(base64_decoded_capacity(kMaxEncodedBytes) <= sizeof(SideBuffer));
 
 // What differs between the two sides of a tag.
 struct SideRules {
-  uint8_t stop_bit;  // of kStops
+  uint8_t stop_bit;  // of kSideStops
   size_t min_size;
   int length_error;
   int byte_error;
   int blank_error;
 };
 
-constexpr uint8_t kStopsCategory = 1;
-constexpr uint8_t kStopsValue = 2;
 constexpr SideRules kCategoryRules{kStopsCategory, 1, POBE_E_CATEGORY_LENGTH, POBE_E_CATEGORY_BYTE,
                                    POBE_E_CATEGORY_BLANK};
 constexpr SideRules kValueRules{kStopsValue, 0, POBE_E_VALUE_LENGTH, POBE_E_VALUE_BYTE, POBE_E_VALUE_BLANK};
 
-// For each byte, the plain sides it cannot be part of.
-constexpr std::array<uint8_t, 256> make_stops() {
-  std::array<uint8_t, 256> stops{};
-  for (const char byte : {',', '|', '[', ']', '{', '}', '"'})
-    stops[static_cast<uint8_t>(byte)] = kStopsCategory | kStopsValue;
-  stops[static_cast<uint8_t>(':')] = kStopsCategory;
-  return stops;
-}
-
-constexpr std::array<uint8_t, 256> kStops = make_stops();
-
 bool stops(char byte, const SideRules &rules) noexcept {
-  return (kStops[static_cast<uint8_t>(byte)] & rules.stop_bit) != 0;
+  return (kSideStops[static_cast<uint8_t>(byte)] & rules.stop_bit) != 0;
 }
 
 bool is_blank_ended(std::string_view side) noexcept {

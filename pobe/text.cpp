@@ -9,18 +9,6 @@
 namespace pobe {
 namespace {
 
-constexpr uint64_t every_byte(uint8_t value) {
-  return 0x0101010101010101u * value;
-}
-
-// Whether the eight bytes at `bytes` are all in 0x20 to 0x7e. A byte above 0x7f shows in the word itself, the
-// lowest byte below 0x20 borrows in the difference, and 0x7f carries into its own top bit in the sum.
-bool is_eight_printable(const char *bytes) noexcept {
-  uint64_t word;
-  std::memcpy(&word, bytes, sizeof(word));
-  return ((word | (word - every_byte(0x20)) | (word + every_byte(0x01))) & every_byte(0x80)) == 0;
-}
-
 bool is_between(uint8_t byte, uint8_t first, uint8_t last) noexcept {
   return byte >= first && byte <= last;
 }
@@ -64,7 +52,7 @@ int check_text(std::string_view text) noexcept {
   const char *at = text.data();
   const char *const end = at + text.size();
   while (at != end) {
-    if (end - at >= 8 && is_eight_printable(at)) {
+    if (end - at >= 8 && unprintable_bytes(at) == 0) {
       at += 8;
       continue;
     }

@@ -10,10 +10,6 @@
 
 namespace {
 
-bool has_id(const host_config *host, const unsigned char *id) {
-  return memcmp(host->id, id, RUXO_UUID_SIZE) == 0;
-}
-
 // The nodes that `wanted` picks, in document order, into loc unless that is null. Returns their number.
 template <class Wanted>
 int collect(topo_config *tc, host_config **loc, Wanted wanted) {
@@ -70,11 +66,11 @@ ruxo_boolean topo_sided(topo_config *tc) {
 topo_host_ringside_t topo_side(topo_config *tc, unsigned char *id) {
   if (tc == nullptr) {
     const host_config *self = topo_self_node();
-    if (self != nullptr && has_id(self, id)) return self->ringside;
+    if (self != nullptr && topo_has_id(self, id)) return self->ringside;
     tc = topo_active();
   }
   for (int i = 0; i < topo_size(tc); ++i) {
-    if (has_id(&tc->hc[i], id)) return tc->hc[i].ringside;
+    if (topo_has_id(&tc->hc[i], id)) return tc->hc[i].ringside;
   }
   return TOPO_RINGSIDE_BOTH;
 }
@@ -87,7 +83,7 @@ int topo_get_all_nodes_except_self(topo_config *tc, host_config **loc) {
   if (loc == nullptr) return topo_size(tc);
   ruxo_uuid_t me;
   topo_me(me);
-  return collect(tc, loc, [&me](const host_config *host) { return !has_id(host, me); });
+  return collect(tc, loc, [&me](const host_config *host) { return !topo_has_id(host, me); });
 }
 
 int topo_get_just_self(topo_config *tc, host_config **loc) {

@@ -32,12 +32,9 @@ class Key {
   size_t length_ = 0;
 };
 
-bool has_id(const host_config *host, const unsigned char *id) {
-  return memcmp(host->id, id, RUXO_UUID_SIZE) == 0;
-}
-
 bool is_among(host_config *const *owners, int count, const unsigned char *id) {
-  return std::any_of(owners, owners + count, [id](const host_config *owner) { return has_id(owner, id); });
+  return std::any_of(owners, owners + count,
+                     [id](const host_config *owner) { return topo_has_id(owner, id); });
 }
 
 bool i_am_among(host_config *const *owners, int count) {

@@ -68,6 +68,12 @@ struct TopoDocument {
 // Reads and checks a document; throws TopoFault at the first fault. `hexhash` is only named in log lines.
 void topo_read_document(struct _xmlDoc *doc, const char *hexhash, TopoDocument *out);
 
+// ---- Nodes ----
+
+inline bool topo_has_id(const host_config *host, const unsigned char *id) {
+  return memcmp(host->id, id, RUXO_UUID_SIZE) == 0;
+}
+
 // ---- Ring ----
 
 // The place of a location on the ring, 0 to 100.
