@@ -2,12 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <set>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -33,16 +35,30 @@ std::vector<fs::path> sources_below(const std::string &folder) {
   return result;
 }
 
+// Takes `word` and the blanks before it off the front; false, leaving all, when the text goes on otherwise.
+bool skip_word(std::string_view *text, std::string_view word) {
+  const size_t start = std::min(text->find_first_not_of(" \t"), text->size());
+  if (!text->substr(start).starts_with(word)) return false;
+  text->remove_prefix(start + word.size());
+  return true;
+}
+
+// What a line includes; empty for any other line.
+std::string include_target(std::string_view line) {
+  if (!skip_word(&line, "#") || !skip_word(&line, "include")) return "";
+  if (!skip_word(&line, "\"") && !skip_word(&line, "<")) return "";
+  const size_t end = line.find_first_of("\">");
+  return end == std::string_view::npos ? "" : std::string(line.substr(0, end));
+}
+
 std::vector<Include> includes_below(const std::string &folder) {
-  static const std::regex pattern(R"(^\s*#\s*include\s*["<]([^">]+)[">])");
   std::vector<Include> result;
   for (const fs::path &path : sources_below(folder)) {
     std::ifstream file(path);
     std::string line;
-    std::smatch match;
     while (std::getline(file, line)) {
-      if (std::regex_search(line, match, pattern))
-        result.push_back({fs::relative(path, kRoot).string(), match[1]});
+      std::string target = include_target(line);
+      if (!target.empty()) result.push_back({fs::relative(path, kRoot).string(), std::move(target)});
     }
   }
   return result;
@@ -74,6 +90,14 @@ std::string liborlith_folder(const std::string &path) {
   const size_t first = path.find('/');
   const size_t second = path.find('/', first + 1);
   return second == std::string::npos ? "" : path.substr(first + 1, second - first - 1);
+}
+
+TEST(Includes, AreSeenHoweverTheyAreWritten) {
+  EXPECT_EQ(include_target("#include \"ruxo/log.h\""), "ruxo/log.h");
+  EXPECT_EQ(include_target("  #  include <vector>  // why"), "vector");
+  EXPECT_EQ(include_target("#include\"a.h\""), "a.h");
+  for (const char *line : {"", "#", "// #include \"a.h\"", "#define X", "#include X", "#include \"a.h"})
+    EXPECT_EQ(include_target(line), "") << line;
 }
 
 TEST(Includes, LibrariesOnlyLookDownwards) {
@@ -120,14 +144,18 @@ TEST(Includes, PrivateHeadersStayInTheirFolder) {
   }
 }
 
+bool is_private_header(const std::string &path) {
+  constexpr const char *endings[] = {"_private.h", "_internal.h", "liborlith_fatal.h", "liborlith_module.h"};
+  return std::any_of(std::begin(endings), std::end(endings),
+                     [&](const char *ending) { return path.ends_with(ending); });
+}
+
 TEST(Includes, PublicHeadersNeedNoPrivateOnes) {
-  static const std::regex private_header(R"(_(private|internal)\.h$|liborlith_(fatal|module)\.h$)");
   for (const std::string folder : {"ruxo", "pobe", "liborlith"}) {
     for (const Include &include : includes_below(folder)) {
       if (fs::path(include.file).extension() != ".h") continue;
-      if (std::regex_search(include.file, private_header)) continue;
-      EXPECT_FALSE(std::regex_search(include.target, private_header))
-          << include.file << " includes " << include.target;
+      if (is_private_header(include.file)) continue;
+      EXPECT_FALSE(is_private_header(include.target)) << include.file << " includes " << include.target;
     }
   }
 }
@@ -168,16 +196,37 @@ TEST(Sources, AreNoLongerThanAPersonReads) {
   }
 }
 
+bool is_word_byte(char byte) {
+  return std::isalnum(static_cast<unsigned char>(byte)) != 0 || byte == '_';
+}
+
+// Whether `word` stands in the line, not as a part of a longer one.
+bool has_word(const std::string &line, const std::string &word) {
+  for (size_t at = line.find(word); at != std::string::npos; at = line.find(word, at + 1)) {
+    const size_t end = at + word.size();
+    const bool begins = at == 0 || !is_word_byte(line[at - 1]);
+    if (begins && (end == line.size() || !is_word_byte(line[end]))) return true;
+  }
+  return false;
+}
+
 TEST(Sources, HoldNoMarkersOfUnfinishedWork) {
-  static const std::regex marker(R"(\b(TO)DO\b|\bFIX)"
-                                 R"(ME\b|\bXX)"
-                                 R"(X\b)");
+  const std::string markers[] = {
+      "TO"
+      "DO",
+      "FIX"
+      "ME",
+      "XX"
+      "X"};  // in pieces: this is a source too
+  ASSERT_TRUE(has_word("// " + markers[0] + ": later", markers[0]));
+  ASSERT_FALSE(has_word("mkstemp(\"" + markers[2] + markers[2] + "\")", markers[2]));
   for (const std::string folder : {"ruxo", "pobe", "liborlith", "orlith", "test", "bench", "fuzz"}) {
     for (const fs::path &path : sources_below(folder)) {
       std::ifstream file(path);
       std::string line;
       for (size_t number = 1; std::getline(file, line); ++number) {
-        EXPECT_FALSE(std::regex_search(line, marker)) << path << ":" << number << ": " << line;
+        for (const std::string &marker : markers)
+          EXPECT_FALSE(has_word(line, marker)) << path << ":" << number << ": " << line;
       }
     }
   }
