@@ -35,8 +35,10 @@ class Buckets {
     point.low = point.present ? std::min(point.low, value) : value;
     point.high = point.present ? std::max(point.high, value) : value;
     point.present = true;
-    ++sum.count;
-    sum.mean += (value - sum.mean) / static_cast<double>(sum.count);  // a plain sum could overflow
+    // A plain sum could overflow, and so can the distance from the mean: then its two ends are divided one by one.
+    const auto count = static_cast<double>(++sum.count);
+    const double away = value - sum.mean;
+    sum.mean += std::isfinite(away) ? away / count : value / count - sum.mean / count;
     point.value = std::clamp(sum.mean, point.low, point.high);
   }
   std::vector<PlotPoint> take() { return std::move(points_); }

@@ -18,6 +18,7 @@
 namespace {
 
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 struct NntCommands : testing::Test {
@@ -389,6 +390,19 @@ TEST_F(NntCommands, PlotBucketsHaveMeanLeastAndGreatest) {
       tool.out.text,
       StartsWith(R"([{"time":1699920000,"value":2.5,"min":0.0,"max":5.0},{"time":1699921800,"value":8.5,)"));
   EXPECT_THAT(tool.out.text, HasSubstr(R"({"time":1699927200,"value":null,"min":null,"max":null})"));
+}
+
+TEST_F(NntCommands, PlotBucketsOfTheLargestNumbersHaveAMean) {
+  std::string bytes = nnt_header(60, 600);
+  for (int i = 0; i < 10; ++i)
+    bytes += double_record(-1.7e308) + double_record(1.7e308) + double_record(1.7e308);
+  const std::string path = folder.write("large.nnt", bytes);
+  // Ten columns for thirty slots.
+  EXPECT_EQ(tool.run({"nnt", "plot", "--json", "--ascii", "--width", "21", path}), exit_fine);
+  EXPECT_EQ(line_count(tool.out.text), 1u);
+  EXPECT_THAT(tool.out.text, StartsWith("[{\"time\":600,\"value\":5.66"));
+  EXPECT_THAT(tool.out.text, HasSubstr("e+307,\"min\":-1.7e+308,\"max\":1.7e+308}"));
+  EXPECT_THAT(tool.out.text, Not(HasSubstr("null")));
 }
 
 TEST_F(NntCommands, PlotShowsARateOrACounter) {
