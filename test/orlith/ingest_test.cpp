@@ -23,6 +23,7 @@
 #include "orlith/signals.h"
 #include "test/orlith/tool_fixture.h"
 #include "test/support/temp_dir.h"
+#include "test/support/values.h"
 
 namespace {
 
@@ -103,23 +104,6 @@ ModelFiles model_of(const std::string &lines, const std::vector<uint64_t> &perio
     }
   }
   return files;
-}
-
-double number_of(const nnt_multitype &value) {
-  switch (value.type) {
-    case NNT_TYPE_INT32:
-      return value.value.v_int32;
-    case NNT_TYPE_UINT32:
-      return value.value.v_uint32;
-    case NNT_TYPE_INT64:
-      return static_cast<double>(value.value.v_int64);
-    case NNT_TYPE_UINT64:
-      return static_cast<double>(value.value.v_uint64);
-    case NNT_TYPE_DOUBLE:
-      return value.value.v_double;
-    default:
-      return std::nan("");
-  }
 }
 
 std::vector<std::string> files_below(const std::string &folder) {

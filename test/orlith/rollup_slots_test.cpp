@@ -1,4 +1,5 @@
 #include "orlith/rollup_slots.h"
+#include "test/support/values.h"
 
 #include <gtest/gtest.h>
 
@@ -14,19 +15,6 @@ metric_value_t number(uint64_t whence_ms, double value) {
   return sample;
 }
 
-double value_of(const nnt_multitype &slot) {
-  switch (slot.type) {
-    case NNT_TYPE_UINT64:
-      return static_cast<double>(slot.value.v_uint64);
-    case NNT_TYPE_INT64:
-      return static_cast<double>(slot.value.v_int64);
-    case NNT_TYPE_DOUBLE:
-      return slot.value.v_double;
-    default:
-      return std::nan("");
-  }
-}
-
 TEST(SlotSeries, PutsSamplesIntoTheSlotsOfTheirTime) {
   SlotSeries series(60);
   EXPECT_TRUE(series.fold(number(60'000, 1)));
@@ -34,7 +22,7 @@ TEST(SlotSeries, PutsSamplesIntoTheSlotsOfTheirTime) {
   EXPECT_TRUE(series.fold(number(120'000, 10)));
   ASSERT_EQ(series.slots().size(), 2U);
   EXPECT_EQ(series.slots().at(60).folded.count, 2U);
-  EXPECT_EQ(value_of(series.slots().at(60).folded), 2.5);
+  EXPECT_EQ(number_of(series.slots().at(60).folded), 2.5);
   EXPECT_EQ(series.slots().at(120).folded.count, 1U);
 }
 
@@ -45,7 +33,7 @@ TEST(SlotSeries, FoldsLateSamplesIntoSlotsThatAreStillOpen) {
   EXPECT_FALSE(series.fold(number(61'000, 2)));
   EXPECT_TRUE(series.fold(number(125'000, 7)));  // between the two
   EXPECT_EQ(series.slots().size(), 3U);
-  EXPECT_EQ(value_of(series.slots().at(60).folded), 1.5);
+  EXPECT_EQ(number_of(series.slots().at(60).folded), 1.5);
 }
 
 TEST(SlotSeries, KnowsTheFirstSecondAndTheFirstSlot) {
@@ -106,7 +94,7 @@ TEST(CombinedSlot, WeighsBothSidesByTheirCounts) {
   EXPECT_EQ(combined_slot(slot, 0).count, 1U);
   const nnt_multitype result = combined_slot(slot, 1);
   EXPECT_EQ(result.count, 4U);
-  EXPECT_EQ(value_of(result), 4.0);    // (3 * 2 + 1 * 10) / 4
+  EXPECT_EQ(number_of(result), 4.0);   // (3 * 2 + 1 * 10) / 4
   EXPECT_EQ(result.derivative, 5.0F);  // (3 * 4 + 1 * 8) / 4
   EXPECT_EQ(result.counter, 5.0F);
 }
@@ -115,7 +103,7 @@ TEST(CombinedSlot, ASideThatKnowsNoRateLeavesTheOthersAlone) {
   OpenSlot slot = slot_with(10, 1, 0, 0);  // the first sample of a run: its rate 0 means nothing
   slot.stored = {slot_with(2, 3, 4, 1000).folded};
   const nnt_multitype result = combined_slot(slot, 0);
-  EXPECT_EQ(value_of(result), 4.0);
+  EXPECT_EQ(number_of(result), 4.0);
   EXPECT_EQ(result.derivative, 4.0F);
   EXPECT_EQ(result.counter, 4.0F);
 }

@@ -64,23 +64,6 @@ std::vector<unsigned char> snapshot(const Slot &slot) {
   return bytes;
 }
 
-double number_of(const nnt_multitype &slot) {
-  switch (slot.type) {
-    case NNT_TYPE_INT32:
-      return slot.value.v_int32;
-    case NNT_TYPE_UINT32:
-      return slot.value.v_uint32;
-    case NNT_TYPE_INT64:
-      return static_cast<double>(slot.value.v_int64);
-    case NNT_TYPE_UINT64:
-      return static_cast<double>(slot.value.v_uint64);
-    case NNT_TYPE_DOUBLE:
-      return slot.value.v_double;
-    default:
-      return kNan;
-  }
-}
-
 }  // namespace
 
 // ---- Change
@@ -290,6 +273,18 @@ TEST(AddDataToBucketDeathTest, AFirstSampleThatIsNoNumberIsFatal) {
   Slot slot;
   EXPECT_DEATH(slot.add(Value::raw('s')), "\\[FATAL\\] Unknown type: 0x0073");
   EXPECT_DEATH(slot.add(Value::raw(0)), "\\[FATAL\\] Unknown type: 0x0000");
+}
+
+TEST(AddDataToBucketDeathTest, ALaterHistogramIsFatalUnlessItFollowsADouble) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  orollup_error_ls = ruxo_error;
+  Slot after_integer, after_double;
+  after_integer.add(Value::i(1).at(1000));
+  EXPECT_DEATH(after_integer.add(Value::raw('h').at(2000)), "\\[FATAL\\] Unknown type: 0x0068");
+  after_double.add(Value::n(1).at(1000));
+  const auto before = snapshot(after_double);
+  after_double.add(Value::raw('h').at(2000));
+  EXPECT_EQ(snapshot(after_double), before);
 }
 
 TEST(AddDataToBucket, ASampleThatIsNotLaterHasNoRate) {

@@ -1,6 +1,8 @@
-// Short ways to write ingestion values in tests.
+// Short ways to write ingestion values in tests, and to read slots.
 #ifndef TEST_SUPPORT_VALUES_H
 #define TEST_SUPPORT_VALUES_H
+
+#include <limits>
 
 #include "liborlith/orollupd/rollup.h"
 
@@ -49,5 +51,23 @@ struct Value {
     return v;
   }
 };
+
+// The number that a slot holds, NaN when it holds none.
+inline double number_of(const nnt_multitype &slot) {
+  switch (slot.type) {
+    case NNT_TYPE_INT32:
+      return slot.value.v_int32;
+    case NNT_TYPE_UINT32:
+      return slot.value.v_uint32;
+    case NNT_TYPE_INT64:
+      return static_cast<double>(slot.value.v_int64);
+    case NNT_TYPE_UINT64:
+      return static_cast<double>(slot.value.v_uint64);
+    case NNT_TYPE_DOUBLE:
+      return slot.value.v_double;
+    default:
+      return std::numeric_limits<double>::quiet_NaN();
+  }
+}
 
 #endif
