@@ -180,7 +180,10 @@ RUXO_EXPORT int nnt_rewind_epoch(nnt_handle *h, uint64_t whence, int fd) RUXO_NO
 
 /* Copies what `h` holds from `h2`'s epoch onwards to the start of `h2`, so that `h2`, created with a later epoch,
  * can replace `h` without its older part. `end` has no effect. Returns the number of records copied, 0 when there
- * are none; -1. Sets `dirty` on both. */
+ * are none; -1, with errno EINVAL when `h2` starts before `h`. The size of the copy is a signed 32-bit number of
+ * bytes: where that wraps to below 1 nothing is copied and the result is 0, where it wraps to another number the
+ * result is -1 (EINVAL). So a caller with files of 2 GiB and more must not take 0 for an empty rest. Sets `dirty` on
+ * both. */
 RUXO_EXPORT int nnt_delete(nnt_handle *h, nnt_handle *h2, uint64_t end) RUXO_NOEXCEPT;
 
 /* Copies every slot of `src` to the front of `dest`, which keeps its own epoch: the image lands there whatever

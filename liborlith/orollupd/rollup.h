@@ -87,13 +87,18 @@ RUXO_EXPORT double metric_value_double(const metric_value_t *v);
  * Results:
  *     1  *metric_locator (one reference, the caller's) and *value are set
  *     0  the line's first character is not 'M'
- *    -1  no timestamp field                       -6  the check field is below 36 characters
- *    -2  no TAB after the timestamp               -7  the check field does not end in a UUID (logged, debug
- * stream) -3  no TAB after the check field             -8  the name is refused (logged by the locator) -4  no
- * TAB after the name                    -9  the type letter is unknown and the value is not null -5  no TAB
- * after the type                   -10  the name's extension is ignored *ts_ms and value->whence_ms are set
- * unless the result is -1. On any result but 1 *metric_locator is left as it was and *value owns no memory:
- * its storage is zero or a number. Any thread. */
+ *    -1  no timestamp field
+ *    -2  no TAB after the timestamp
+ *    -3  no TAB after the check field
+ *    -4  no TAB after the name
+ *    -5  no TAB after the type
+ *    -6  the check field is below 36 characters
+ *    -7  the check field does not end in a UUID (logged on orollup_debug_ls)
+ *    -8  the name is refused (logged by the locator)
+ *    -9  the type letter is unknown and the value is not null, or memory ran out
+ *   -10  the name's extension is ignored
+ * *ts_ms and value->whence_ms are set unless the result is -1. On any result but 1 *metric_locator is left as it
+ * was and *value owns no memory: its storage is zero or a number. Any thread. */
 RUXO_EXPORT int parse_Mline(const char *line, uint64_t *ts_ms, orlith_metric_locator_t **metric_locator,
                             metric_value_t *value, bool is_bundled_line);
 
@@ -143,9 +148,10 @@ RUXO_EXPORT double calculate_change_undefined(const metric_value_t *v1, const me
  * and owned by the caller's state (free). `*drun` and `*crun` are the milliseconds already folded into the
  * slot's derivative and counter; the caller sets them to 0 with each new slot. They and the sample count
  * saturate at INT_MAX. A null current value changes nothing. The first sample of a metric sets the slot's
- * count, type and value only, and is fatal when its type is not numeric. Later samples of other types change
- * nothing. Samples of a metric come in the order of time; one that is not later than the previous one counts
- * for the value, not for the rates. One thread per slot and metric. */
+ * count, type and value only, and is fatal when its type is not numeric. Later samples of absent or text type
+ * change nothing; of a histogram type they are fatal as in calculate_change. Samples of a metric come in the
+ * order of time; one that is not later than the previous one counts for the value, not for the rates. One
+ * thread per slot and metric. */
 RUXO_EXPORT void add_data_to_bucket(const metric_value_t *current_value, metric_value_t **last_value,
                                     nnt_multitype *bucket, int *drun, int *crun);
 
