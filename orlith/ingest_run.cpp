@@ -204,8 +204,10 @@ bool IngestRun::write_metric(Metric &metric) {
 
 bool IngestRun::write_series(Metric &metric, SlotSeries &series) {
   std::vector<SlotWrite> writes;
-  for (auto &[start_s, slot] : series.slots()) {
-    if (slot.dirty) writes.push_back({start_s, &slot});
+  for (SlotList::Block &block : series.slots().blocks()) {
+    for (OpenSlot &slot : block) {
+      if (slot.dirty) writes.push_back({slot.start_s, &slot});
+    }
   }
   if (writes.empty()) return true;
   const std::string below_node = std::to_string(series.period_s()) + "/" + metric.file;
@@ -222,7 +224,7 @@ void IngestRun::close_slots() {
   for (Metric *metric : dirty_) {
     for (SlotSeries &series : metric->series) {
       open_slots_ -= series.close_all_but_newest();
-      series.slots().rbegin()->second.dirty = false;
+      series.slots().newest().dirty = false;
     }
     if (!metric->has_files) totals_.files += metric->series.size() * metric->my_owners.size();
     metric->has_files = true;

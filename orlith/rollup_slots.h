@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <map>
 #include <memory>
 #include <vector>
 
@@ -12,6 +11,7 @@
 #include "liborlith/orollupd/rollup.h"
 
 struct OpenSlot {
+  uint64_t start_s = 0;
   nnt_multitype folded{};  // what came in since the slot was opened here
   int drun_ms = 0;         // time already folded into the derivative, and into the counter
   int crun_ms = 0;
@@ -30,6 +30,38 @@ struct OpenSlot {
 // the rates of the other.
 nnt_multitype combined_slot(const OpenSlot &slot, size_t owner);
 
+// The open slots of one series, ascending by their start.
+//
+// They lie in blocks, one slot behind the other: samples mostly come in order, so that a new slot goes to the end of
+// the last block, and a checkpoint reads the slots as they lie in memory. A slot that opens late moves the later ones
+// of its block only, however many there are.
+// Invariants: no block is empty; none holds more than kBlockSlots; starts ascend within a block and from block to
+// block.
+class SlotList {
+ public:
+  using Block = std::vector<OpenSlot>;
+  static constexpr size_t kBlockSlots = 64;
+
+  // The slot that starts there, added when there is none. Slots stay where they are until the next one is added.
+  OpenSlot &find_or_add(uint64_t start_s);
+  // Null when there is none.
+  OpenSlot *find(uint64_t start_s);
+  OpenSlot &newest() { return blocks_.back().back(); }
+  size_t size() const { return size_; }
+  std::vector<Block> &blocks() { return blocks_; }
+
+  // Lets go of all but the newest, and of their memory.
+  void keep_newest();
+
+ private:
+  OpenSlot &append(uint64_t start_s);
+  OpenSlot &insert(uint64_t start_s);
+  std::vector<Block>::iterator block_of(uint64_t start_s);
+
+  std::vector<Block> blocks_;
+  size_t size_ = 0;
+};
+
 class SlotSeries {
  public:
   explicit SlotSeries(uint32_t period_s) : period_s_(period_s) {}
@@ -38,8 +70,7 @@ class SlotSeries {
   // come in any order; the rate of one that is not later than the sample before it is unknown.
   bool fold(const metric_value_t &sample);
 
-  // Slots by their start (seconds), ascending.
-  std::map<uint64_t, OpenSlot> &slots() { return slots_; }
+  SlotList &slots() { return slots_; }
   uint32_t period_s() const { return period_s_; }
 
   // After a checkpoint: all slots but the newest are let go of. Returns how many.
@@ -49,10 +80,9 @@ class SlotSeries {
   struct Free {
     void operator()(metric_value_t *value) const { std::free(value); }
   };
-  OpenSlot &slot_at(uint64_t start_s);
 
   uint32_t period_s_;
-  std::map<uint64_t, OpenSlot> slots_;
+  SlotList slots_;
   // The slot of the latest folded sample: most samples go where the one before them went.
   uint64_t current_start_s_ = 0;
   OpenSlot *current_ = nullptr;

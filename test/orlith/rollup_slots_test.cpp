@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <map>
+#include <random>
+#include <vector>
 
 namespace {
 
@@ -15,15 +18,22 @@ metric_value_t number(uint64_t whence_ms, double value) {
   return sample;
 }
 
+const OpenSlot &slot_at(SlotSeries &series, uint64_t start_s) {
+  static const OpenSlot kNone;
+  const OpenSlot *slot = series.slots().find(start_s);
+  EXPECT_NE(slot, nullptr) << "no slot starts at " << start_s;
+  return slot != nullptr ? *slot : kNone;
+}
+
 TEST(SlotSeries, PutsSamplesIntoTheSlotsOfTheirTime) {
   SlotSeries series(60);
   EXPECT_TRUE(series.fold(number(60'000, 1)));
   EXPECT_FALSE(series.fold(number(119'999, 4)));
   EXPECT_TRUE(series.fold(number(120'000, 10)));
   ASSERT_EQ(series.slots().size(), 2U);
-  EXPECT_EQ(series.slots().at(60).folded.count, 2U);
-  EXPECT_EQ(number_of(series.slots().at(60).folded), 2.5);
-  EXPECT_EQ(series.slots().at(120).folded.count, 1U);
+  EXPECT_EQ(slot_at(series, 60).folded.count, 2U);
+  EXPECT_EQ(number_of(slot_at(series, 60).folded), 2.5);
+  EXPECT_EQ(slot_at(series, 120).folded.count, 1U);
 }
 
 TEST(SlotSeries, FoldsLateSamplesIntoSlotsThatAreStillOpen) {
@@ -33,14 +43,14 @@ TEST(SlotSeries, FoldsLateSamplesIntoSlotsThatAreStillOpen) {
   EXPECT_FALSE(series.fold(number(61'000, 2)));
   EXPECT_TRUE(series.fold(number(125'000, 7)));  // between the two
   EXPECT_EQ(series.slots().size(), 3U);
-  EXPECT_EQ(number_of(series.slots().at(60).folded), 1.5);
+  EXPECT_EQ(number_of(slot_at(series, 60).folded), 1.5);
 }
 
 TEST(SlotSeries, KnowsTheFirstSecondAndTheFirstSlot) {
   SlotSeries series(300);
   EXPECT_TRUE(series.fold(number(0, 1)));
   EXPECT_FALSE(series.fold(number(299'999, 1)));
-  EXPECT_EQ(series.slots().begin()->first, 0U);
+  EXPECT_EQ(series.slots().newest().start_s, 0U);
 }
 
 TEST(SlotSeries, KeepsTheNewestSlotAcrossACheckpoint) {
@@ -48,9 +58,9 @@ TEST(SlotSeries, KeepsTheNewestSlotAcrossACheckpoint) {
   for (uint64_t second = 0; second < 50; second += 5) series.fold(number(second * 1000, 1));
   EXPECT_EQ(series.close_all_but_newest(), 4U);
   ASSERT_EQ(series.slots().size(), 1U);
-  EXPECT_EQ(series.slots().begin()->first, 40U);
+  EXPECT_EQ(series.slots().newest().start_s, 40U);
   EXPECT_FALSE(series.fold(number(49'000, 1)));
-  EXPECT_EQ(series.slots().at(40).folded.count, 3U);
+  EXPECT_EQ(slot_at(series, 40).folded.count, 3U);
   EXPECT_EQ(series.close_all_but_newest(), 0U);
 }
 
@@ -60,11 +70,71 @@ TEST(SlotSeries, TakesRatesAcrossSlotBorders) {
   series.fold(number(30'000, 0));
   series.fold(number(60'000, 150));
   series.fold(number(90'000, 300));
-  const OpenSlot &slot = series.slots().at(60);
+  const OpenSlot &slot = slot_at(series, 60);
   EXPECT_EQ(slot.folded.derivative, 5.0F);
   EXPECT_EQ(slot.folded.counter, 5.0F);
   EXPECT_EQ(slot.drun_ms, 60'000);
   EXPECT_EQ(slot.crun_ms, 60'000);
+}
+
+std::vector<uint64_t> starts_in(SlotList &slots) {
+  std::vector<uint64_t> result;
+  for (const SlotList::Block &block : slots.blocks()) {
+    EXPECT_FALSE(block.empty());
+    EXPECT_LE(block.size(), SlotList::kBlockSlots);
+    for (const OpenSlot &slot : block) result.push_back(slot.start_s);
+  }
+  return result;
+}
+
+TEST(SlotList, AgreesWithAMapWhateverTheOrder) {
+  for (const unsigned seed : {21U, 22U, 23U}) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    const bool mostly_ascending = seed == 22;
+    std::map<uint64_t, uint32_t> model;
+    SlotList slots;
+    EXPECT_EQ(slots.find(0), nullptr);
+    for (uint64_t i = 0; i < 3000; ++i) {
+      const uint64_t start_s = mostly_ascending ? i * 10 + random() % 40 : random() % 2000;
+      ++model[start_s];
+      ++slots.find_or_add(start_s).folded.count;
+    }
+    ASSERT_EQ(slots.size(), model.size());
+    std::vector<uint64_t> expected;
+    for (const auto &[start_s, count] : model) {
+      expected.push_back(start_s);
+      ASSERT_NE(slots.find(start_s), nullptr);
+      EXPECT_EQ(slots.find(start_s)->folded.count, count);
+    }
+    EXPECT_EQ(starts_in(slots), expected);
+    EXPECT_EQ(slots.newest().start_s, expected.back());
+    EXPECT_EQ(slots.find(expected.back() + 1), nullptr);
+  }
+}
+
+TEST(SlotList, TakesSlotsThatOpenBackwards) {
+  SlotList slots;
+  for (uint64_t start_s = 1000; start_s > 0; --start_s) slots.find_or_add(start_s);
+  const std::vector<uint64_t> starts = starts_in(slots);
+  ASSERT_EQ(starts.size(), 1000U);
+  EXPECT_EQ(starts.front(), 1U);
+  EXPECT_EQ(starts.back(), 1000U);
+}
+
+TEST(SlotList, KeepsTheNewestAsItIs) {
+  SlotList slots;
+  for (uint64_t start_s = 0; start_s < 200; ++start_s) slots.find_or_add(start_s).crun_ms = 7;
+  slots.newest().folded.count = 9;
+  slots.newest().stored.resize(3);
+  slots.keep_newest();
+  EXPECT_EQ(starts_in(slots), std::vector<uint64_t>{199});
+  EXPECT_EQ(slots.size(), 1U);
+  EXPECT_EQ(slots.newest().folded.count, 9U);
+  EXPECT_EQ(slots.newest().crun_ms, 7);
+  EXPECT_EQ(slots.newest().stored.size(), 3U);
+  slots.find_or_add(5);
+  EXPECT_EQ(starts_in(slots), (std::vector<uint64_t>{5, 199}));
 }
 
 OpenSlot slot_with(double value, uint32_t count, float rate, int drun_ms) {
