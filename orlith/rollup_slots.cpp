@@ -1,6 +1,7 @@
 #include "orlith/rollup_slots.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <iterator>
 #include <utility>
 
@@ -106,9 +107,13 @@ bool SlotSeries::fold(const metric_value_t &sample) {
     current_start_s_ = time_s - time_s % period_s_;
     current_ = &slots_.find_or_add(current_start_s_);
   }
-  metric_value_t *previous = previous_.release();
+  metric_value_t *previous = has_previous_ ? &previous_ : nullptr;
   add_data_to_bucket(&sample, &previous, &current_->folded, &current_->drun_ms, &current_->crun_ms);
-  previous_.reset(previous);
+  if (!has_previous_ && previous != nullptr) {  // the first one is handed out on the heap
+    previous_ = *previous;
+    has_previous_ = true;
+    std::free(previous);
+  }
   current_->dirty = true;
   return slots_.size() != open_before;
 }

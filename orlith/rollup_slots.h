@@ -3,8 +3,6 @@
 #define ORLITH_ROLLUP_SLOTS_H
 
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <vector>
 
 #include "liborlith/nnt/nnt_multitype.h"
@@ -77,16 +75,13 @@ class SlotSeries {
   size_t close_all_but_newest();
 
  private:
-  struct Free {
-    void operator()(metric_value_t *value) const { std::free(value); }
-  };
-
   uint32_t period_s_;
   SlotList slots_;
   // The slot of the latest folded sample: most samples go where the one before them went.
   uint64_t current_start_s_ = 0;
   OpenSlot *current_ = nullptr;
-  std::unique_ptr<metric_value_t, Free> previous_;
+  metric_value_t previous_{};  // the latest folded sample, once there is one
+  bool has_previous_ = false;
 };
 
 #endif
