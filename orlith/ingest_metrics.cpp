@@ -57,11 +57,20 @@ IngestMetrics::IngestMetrics(MetricsConfig config)
 Metric *IngestMetrics::find(const mline_fields_t &fields, int *code) {
   const bool is_text = fields.type == ORLITH_METRIC_STRING;
   Kind &kind = is_text ? texts_ : numeric_;
-  const auto known = kind.as_written.find(spelling(fields));
-  return known != kind.as_written.end() ? known->second : identify(fields, kind, is_text, code);
+  const std::string_view as_written = spelling(fields);
+  SpellingEntry *entry = kind.latest != nullptr ? kind.latest->second.follower : nullptr;
+  if (entry == nullptr || entry->first != as_written) {
+    const auto known = kind.as_written.find(as_written);
+    entry = known != kind.as_written.end() ? &*known : identify(fields, kind, is_text, code);
+    if (entry == nullptr) return nullptr;
+    if (kind.latest != nullptr) kind.latest->second.follower = entry;
+  }
+  kind.latest = entry;
+  return entry->second.metric;
 }
 
-Metric *IngestMetrics::identify(const mline_fields_t &fields, Kind &kind, bool is_text, int *code) {
+IngestMetrics::SpellingEntry *IngestMetrics::identify(const mline_fields_t &fields, Kind &kind, bool is_text,
+                                                      int *code) {
   orlith_metric_locator_t *created = nullptr;
   *code = mline_locator(&fields, &created);
   if (*code != 1) return nullptr;
@@ -69,18 +78,19 @@ Metric *IngestMetrics::identify(const mline_fields_t &fields, Kind &kind, bool i
 
   std::unique_ptr<Metric> &metric = kind.canonical[key_of(created)];
   if (metric == nullptr) metric = place(created, is_text);
-  remember(spelling(fields), metric.get(), kind);
-  return metric.get();
+  return remember(spelling(fields), metric.get(), kind);
 }
 
-void IngestMetrics::remember(std::string_view as_written, Metric *metric, Kind &kind) {
+IngestMetrics::SpellingEntry *IngestMetrics::remember(std::string_view as_written, Metric *metric,
+                                                      Kind &kind) {
   const size_t bytes = as_written.size() + kSpellingOverheadBytes;
   if (kind.spelling_bytes + bytes > kMaxSpellingBytes) {
     kind.as_written.clear();
+    kind.latest = nullptr;
     kind.spelling_bytes = 0;
   }
   kind.spelling_bytes += bytes;
-  kind.as_written.emplace(as_written, metric);
+  return &*kind.as_written.emplace(as_written, Spelling{metric}).first;
 }
 
 std::unique_ptr<Metric> IngestMetrics::place(const orlith_metric_locator_t *locator, bool is_text) {

@@ -54,16 +54,26 @@ class IngestMetrics {
   template <typename Value>
   using Map = std::unordered_map<std::string, Value, Hash, std::equal_to<>>;
 
+  // A host reports its metrics in the same order time after time: each spelling remembers which one came behind it, so
+  // that most lines are known by one comparison.
+  struct Spelling;
+  using SpellingEntry = std::pair<const std::string, Spelling>;
+  struct Spelling {
+    Metric *metric;
+    SpellingEntry *follower = nullptr;
+  };
+
   // A numeric and a text metric may share a name; they are two metrics.
   struct Kind {
     explicit Kind(const Hash &hash) : as_written(16, hash), canonical(16, hash) {}
-    Map<Metric *> as_written;   // check and name fields as their lines have them
-    size_t spelling_bytes = 0;  // about what as_written holds
+    Map<Spelling> as_written;         // by check and name fields as their lines have them
+    SpellingEntry *latest = nullptr;  // that of the line before this one
+    size_t spelling_bytes = 0;        // about what as_written holds
     Map<std::unique_ptr<Metric>> canonical;
   };
 
-  Metric *identify(const mline_fields_t &fields, Kind &kind, bool is_text, int *code);
-  static void remember(std::string_view as_written, Metric *metric, Kind &kind);
+  SpellingEntry *identify(const mline_fields_t &fields, Kind &kind, bool is_text, int *code);
+  static SpellingEntry *remember(std::string_view as_written, Metric *metric, Kind &kind);
   std::unique_ptr<Metric> place(const orlith_metric_locator_t *locator, bool is_text);
 
   MetricsConfig config_;
