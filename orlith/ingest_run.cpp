@@ -108,10 +108,13 @@ void IngestRun::take(const InputLine &line) {
     ++totals_.blank_lines;
     return;
   }
-  if (memchr(line.text.data(), '\0', line.text.size()) != nullptr) return refuse(Refusal::nul_byte, line);
-
+  // The splitter stops at a NUL byte. That is told as what it is, not as what its stopping makes of the line.
   mline_fields_t fields;
   int code = mline_split(line.text.data(), line.text.size(), !options_.with_source, &fields);
+  const bool reached_end =
+      code == 1 && fields.value.text + fields.value.len == line.text.data() + line.text.size();
+  if (!reached_end && memchr(line.text.data(), '\0', line.text.size()) != nullptr)
+    return refuse(Refusal::nul_byte, line);
   if (code != 1) return refuse(refusal_of_code(code), line);
   if (const auto fault = timestamp_fault(view(fields.timestamp))) return refuse(*fault, line);
   if (fields.whence_ms > latest_ms_ && lies_too_far_ahead(fields.whence_ms))

@@ -377,9 +377,14 @@ TEST_F(Ingest, ANulByteNeverReachesTheLocator) {
   const std::string good = line(kNow_s, "a", "n", "1");
   std::string bad = line(kNow_s, "a_b", "n", "2");
   bad[bad.find('_')] = '\0';
-  EXPECT_EQ(ingest({dir_.write("lines", bad + good)}), exit_damaged);
+  std::string in_value = line(kNow_s, "a", "n", "2_5");
+  in_value[in_value.find('_')] = '\0';
+  std::string at_end = line(kNow_s, "a", "n", "2_");
+  at_end[at_end.find('_')] = '\0';
+  const std::string alone = std::string(1, '\0') + "\n";
+  EXPECT_EQ(ingest({dir_.write("lines", bad + good + in_value + at_end + alone)}), exit_damaged);
   expect_folder_holds(data(), model_of(good, {60}));
-  EXPECT_THAT(out(), HasSubstr("1  holds a NUL byte"));
+  EXPECT_THAT(out(), HasSubstr("4  holds a NUL byte"));
 }
 
 TEST_F(Ingest, ThePastIsWelcomeAndTheFutureBounded) {
