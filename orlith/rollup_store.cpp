@@ -33,15 +33,20 @@ std::string with(const std::string &path, std::string_view suffix) {
   return path + std::string(suffix);
 }
 
-// Opens without a sync at every close: the commit syncs the whole file system once.
-NntFile open_nnt(const std::string &path, std::string *error) {
-  char *message = nullptr;
-  NntFile file(nnt_open_sync(path.c_str(), false, &message));
+// Takes over what an opening call gave, and its message.
+NntFile opened(nnt_handle *handle, char *message, std::string *error) {
   const int open_errno = errno;
   if (message != nullptr) *error = message;
   free(message);
   errno = open_errno;
-  return file;
+  return NntFile(handle);
+}
+
+// Opens without a sync at every close: the commit syncs the whole file system once.
+NntFile open_nnt(const std::string &path, std::string *error) {
+  char *message = nullptr;
+  nnt_handle *handle = nnt_open_sync(path.c_str(), false, &message);
+  return opened(handle, message, error);
 }
 
 uint64_t record_offset(const nnt_hdr &header, uint64_t start_s) {
@@ -72,6 +77,47 @@ bool write_whole(int fd, const char *bytes, size_t length, off_t offset) {
     offset += put;
   }
   return true;
+}
+
+// -1 with errno. A file that a killed process left under this name is replaced.
+int create_file(const std::string &path) {
+  const auto create = [&] {
+    int fd = -1;
+    do {
+      fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+  };
+  const int fd = create();
+  if (fd >= 0 || errno != EEXIST) return fd;
+  unlink(path.c_str());
+  return create();
+}
+
+// A new file without records. Null with *error, and then there is no such file. The descriptor that made the file stays
+// the one it is written through: a file costs less than when it is opened a second time.
+NntFile create_nnt(const std::string &path, uint64_t epoch_s, uint32_t period_s, std::string *error) {
+  const int fd = create_file(path);
+  if (fd < 0) {
+    *error = std::string("cannot be created: ") + strerror(errno);
+    return nullptr;
+  }
+  nnt_hdr header{};
+  static_assert(sizeof header == kHeaderBytes);
+  memcpy(header.version, NNT_V1_MAGIC, sizeof header.version);
+  header.period = period_s;
+  header.epoch = epoch_s;
+  NntFile file;
+  if (write_whole(fd, reinterpret_cast<const char *>(&header), sizeof header, 0)) {
+    char *message = nullptr;
+    nnt_handle *handle = nnt_open_fd_sync(fd, false, &message);
+    file = opened(handle, message, error);
+  } else {
+    *error = std::string("cannot be written: ") + strerror(errno);
+    close(fd);
+  }
+  if (!file) unlink(path.c_str());
+  return file;
 }
 
 bool copy_bytes(int from, int to, off_t begin, off_t end, off_t shift) {
@@ -170,19 +216,15 @@ bool RollupStore::write_copy(const std::string &path, nnt_handle *old, const Slo
   const std::string copy = with(reached.path(), kNewSuffix);
   errno = reached.error();
   if (errno != 0) return fail_errno(path, "its folder cannot be created");
-  unlink(copy.c_str());  // left by a process that was killed
-  if (nnt_create(nullptr, copy.c_str(), slots.front().start_s, file.period_s, kFileMode) != 0) {
-    return fail_errno(path, "cannot be created");
-  }
+  std::string message;
+  const NntFile handle = create_nnt(copy, slots.front().start_s, file.period_s, &message);
+  if (!handle) return fail(path, message);
   Undo change;
   change.path = path;
   change.prepared_copy = true;
   change.replaced_existing = old != nullptr;
   changes_.push_back(std::move(change));
 
-  std::string message;
-  const NntFile handle = open_nnt(copy, &message);
-  if (!handle) return fail(path, message);
   struct stat info {};
   if (!remember_file_system(path, handle.get(), &info)) return false;
   if (old != nullptr && !copy_old(path, handle.get(), old)) return false;
