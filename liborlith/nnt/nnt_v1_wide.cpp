@@ -4,6 +4,9 @@
 // turns one into the other, but for the few bytes that follow from the type and from whether there is a deviation.
 // These two together, four bits as in the low half of `typeinfo`, choose a shape: which bytes are moved, what the
 // others are, and which bytes of a value a read may touch. Checksums are folded for a batch at a time.
+//
+// Most series have one shape throughout. So a run of batches of one shape is done in a loop of its own, which keeps
+// the shape in registers and only checks that it still holds; the first batch that differs ends the run.
 #include "liborlith/nnt/nnt_v1_range_private.h"
 
 #if defined(__x86_64__)
@@ -76,6 +79,7 @@ constexpr std::array<Shape, 16> kShapes = [] {
 struct Moves {
   alignas(64) std::array<uint8_t, 64> to_value_from_first{}, to_value_from_second{};
   alignas(64) std::array<uint8_t, 64> to_record{};  // the same for the first and the second record of a pair
+  alignas(64) std::array<uint8_t, 64> to_pair{};    // from two values at once, the second one after the first
 };
 
 constexpr Moves kMoves = [] {
@@ -98,6 +102,8 @@ constexpr Moves kMoves = [] {
       moves.to_value_from_second[value_at] = static_cast<uint8_t>(kRecordSize + record_at);
       moves.to_record[record_at] = static_cast<uint8_t>(value_at);
       moves.to_record[kRecordSize + record_at] = static_cast<uint8_t>(value_at);
+      moves.to_pair[record_at] = static_cast<uint8_t>(value_at);
+      moves.to_pair[kRecordSize + record_at] = static_cast<uint8_t>(sizeof(nnt_multitype) + value_at);
     }
   }
   return moves;
@@ -119,14 +125,18 @@ WIDE_INLINE Batch load_batch(const char *records) noexcept {
   return {{load_64(records), load_64(records + 64), load_64(records + 128), load_64(records + 192)}};
 }
 
+// The first word of every record, in its column.
+WIDE_INLINE __m512i heads(const Batch &b) noexcept {
+  return _mm512_shuffle_i64x2(_mm512_unpacklo_epi64(b.pair[0], b.pair[1]),
+                              _mm512_unpacklo_epi64(b.pair[2], b.pair[3]), 0x88);
+}
+
 // The XOR of the 32 bytes of every record, in the low byte of its column; the bytes above are what is left of folding.
-// `heads` takes the first word of every record.
-WIDE_INLINE __m512i checksums(const Batch &b, __m512i *heads) noexcept {
-  const __m512i even_low = _mm512_unpacklo_epi64(b.pair[0], b.pair[1]);
-  const __m512i even_high = _mm512_unpacklo_epi64(b.pair[2], b.pair[3]);
-  const __m512i low = _mm512_xor_si512(even_low, _mm512_unpackhi_epi64(b.pair[0], b.pair[1]));
-  const __m512i high = _mm512_xor_si512(even_high, _mm512_unpackhi_epi64(b.pair[2], b.pair[3]));
-  *heads = _mm512_shuffle_i64x2(even_low, even_high, 0x88);
+WIDE_INLINE __m512i checksums(const Batch &b) noexcept {
+  const __m512i low = _mm512_xor_si512(_mm512_unpacklo_epi64(b.pair[0], b.pair[1]),
+                                       _mm512_unpackhi_epi64(b.pair[0], b.pair[1]));
+  const __m512i high = _mm512_xor_si512(_mm512_unpacklo_epi64(b.pair[2], b.pair[3]),
+                                        _mm512_unpackhi_epi64(b.pair[2], b.pair[3]));
   __m512i x = _mm512_xor_si512(_mm512_shuffle_i64x2(low, high, 0x88), _mm512_shuffle_i64x2(low, high, 0xdd));
   x = _mm512_xor_si512(x, _mm512_srli_epi64(x, 32));
   x = _mm512_xor_si512(x, _mm512_srli_epi64(x, 16));
@@ -136,9 +146,8 @@ WIDE_INLINE __m512i checksums(const Batch &b, __m512i *heads) noexcept {
 // Whether all checksums are right and all types have a shape; `typeinfos` takes the low half of `typeinfo` of each
 // record, one byte a column.
 WIDE_INLINE bool is_usual(const Batch &b, uint64_t *typeinfos) noexcept {
-  __m512i heads;
-  const __m512i sums = checksums(b, &heads);
-  const __m512i shifted = _mm512_srli_epi64(heads, 8);
+  const __m512i sums = checksums(b);
+  const __m512i shifted = _mm512_srli_epi64(heads(b), 8);
   const __m512i types = _mm512_and_si512(shifted, _mm512_set1_epi64(NNT_V1_TYPE_MASK));
   const __m512i from_null = _mm512_sub_epi64(types, _mm512_set1_epi64(NNT_TYPE_NULL));
   const __mmask8 wrong = _mm512_test_epi64_mask(sums, _mm512_set1_epi64(0xff));
@@ -199,20 +208,52 @@ WIDE_INLINE void prefetch_batch(const char *records, const nnt_multitype *v) noe
   for (unsigned i = 0; i < kBatch; ++i) __builtin_prefetch(v + i, 1);
 }
 
+// The lowest byte of every 64-bit column.
+WIDE_INLINE __m512i low_bytes() noexcept {
+  return _mm512_set1_epi64(0xff);
+}
+
+// Decodes batches for as long as every record has the low half of `typeinfo` given, which has a shape, and a right
+// checksum. Returns how many; the next one is untouched. Of the first `prefetched` batches each asks for memory ahead.
+WIDE_TARGET size_t decode_alike(const char *records, size_t batches, size_t prefetched, uint8_t typeinfo,
+                                nnt_multitype *v) noexcept {
+  const Shape &shape = kShapes[typeinfo];
+  const __m512i typeinfo_bits = _mm512_maskz_set1_epi16(0x00010001, 0x0f00);
+  const __m512i typeinfos = _mm512_maskz_set1_epi16(0x00010001, static_cast<int16_t>(typeinfo << 8));
+  for (size_t done = 0; done < batches; ++done, records += kBatch * kRecordSize, v += kBatch) {
+    if (done < prefetched) prefetch_batch(records + kAhead * kRecordSize, v + kAhead);
+    const Batch b = load_batch(records);
+    const __m512i first_half =
+        _mm512_or_si512(_mm512_xor_si512(b.pair[0], typeinfos), _mm512_xor_si512(b.pair[1], typeinfos));
+    const __m512i second_half =
+        _mm512_or_si512(_mm512_xor_si512(b.pair[2], typeinfos), _mm512_xor_si512(b.pair[3], typeinfos));
+    const __m512i differ = _mm512_and_si512(_mm512_or_si512(first_half, second_half), typeinfo_bits);
+    const __m512i wrong = _mm512_and_si512(checksums(b), low_bytes());
+    const __m512i either = _mm512_or_si512(differ, wrong);
+    if (_mm512_test_epi64_mask(either, either) != 0) return done;
+    store_values_alike(b, shape, v);
+  }
+  return batches;
+}
+
 template <Refused refused>
 WIDE_TARGET void decode_with(const char *records, size_t batches, nnt_multitype *v) noexcept {
-  const size_t count = batches * kBatch;
-  const size_t prefetch_end = count >= kLong ? count - kAhead : 0;
-  for (size_t done = 0; done < count; done += kBatch) {
-    if (done < prefetch_end) prefetch_batch(records + (done + kAhead) * kRecordSize, v + done + kAhead);
-    const Batch b = load_batch(records + done * kRecordSize);
+  const size_t prefetched = batches * kBatch >= kLong ? batches - kAhead / kBatch : 0;
+  for (size_t done = 0; done < batches; ++done) {
+    const char *const from = records + done * kBatch * kRecordSize;
+    nnt_multitype *const to = v + done * kBatch;
+    if (done < prefetched) prefetch_batch(from + kAhead * kRecordSize, to + kAhead);
+    const Batch b = load_batch(from);
     uint64_t typeinfos = 0;
     if (!is_usual(b, &typeinfos)) {
-      decode_unusual<refused>(&b, v + done);
-    } else if (typeinfos == (typeinfos & 0xff) * UINT64_C(0x0101010101010101)) {
-      store_values_alike(b, kShapes[typeinfos & 0xff], v + done);
+      decode_unusual<refused>(&b, to);
+    } else if (typeinfos != (typeinfos & 0xff) * UINT64_C(0x0101010101010101)) {
+      store_values(b, typeinfos, to);
     } else {
-      store_values(b, typeinfos, v + done);
+      const uint8_t typeinfo = static_cast<uint8_t>(typeinfos & 0xff);
+      store_values_alike(b, kShapes[typeinfo], to);
+      const size_t ahead = prefetched > done + 1 ? prefetched - done - 1 : 0;
+      done += decode_alike(from + kBatch * kRecordSize, batches - done - 1, ahead, typeinfo, to + kBatch);
     }
   }
 }
@@ -242,9 +283,8 @@ WIDE_INLINE __m512i pair_of(const nnt_multitype *v, const Shape &first, const Sh
   return _mm512_mask_permutexvar_epi8(half, second.record_from_value << 32, move, count_held(v[1]));
 }
 
-WIDE_INLINE void store_batch(const Batch &b, char *records) noexcept {
-  __m512i heads;
-  const __m512i sums = _mm512_and_si512(checksums(b, &heads), _mm512_set1_epi64(0xff));
+// Puts the checksums, each in its column, into the first bytes of the records.
+WIDE_INLINE void store_batch(const Batch &b, __m512i sums, char *records) noexcept {
 #pragma GCC unroll 4
   for (unsigned i = 0; i < 4; ++i) {
     const __m512i columns = _mm512_set_epi64(0, 0, 0, kColumnOf[2 * i + 1], 0, 0, 0, kColumnOf[2 * i]);
@@ -263,14 +303,69 @@ WIDE_INLINE bool encode_usual(const nnt_multitype *v, char *records) noexcept {
     if (first == nullptr || second == nullptr) return false;
     b.pair[i] = pair_of(v + 2 * i, *first, *second);
   }
-  store_batch(b, records);
+  store_batch(b, _mm512_and_si512(checksums(b), low_bytes()), records);
   return true;
 }
 
+// Which bits of a value must be those of a sample for both to be written alike: what chooses the shape, and what a
+// count above 65535 has.
+alignas(64) constexpr std::array<uint8_t, 64> kAlikeBits = [] {
+  std::array<uint8_t, 64> bits{};
+  for (size_t i = 0; i < sizeof(nnt_multitype::type); ++i) bits[offsetof(nnt_multitype, type) + i] = 0xff;
+  for (size_t i = 2; i < 4; ++i) bits[offsetof(nnt_multitype, count) + i] = 0xff;
+  bits[offsetof(nnt_multitype, stddev_present)] = 0xff;
+  return bits;
+}();
+
+// Those of the bits above in which any of eight values differs from the sample: a bit is the same in all of them
+// when their AND and their OR both have it as the sample does.
+WIDE_INLINE __mmask16 unlike(const __m512i *values, __m512i sample) noexcept {
+  __m512i any = values[0], all = values[0];
+#pragma GCC unroll 8
+  for (unsigned i = 1; i < kBatch; ++i) {
+    any = _mm512_or_si512(any, values[i]);
+    all = _mm512_and_si512(all, values[i]);
+  }
+  const __m512i differ = _mm512_or_si512(_mm512_xor_si512(any, sample), _mm512_xor_si512(all, sample));
+  return _mm512_test_epi32_mask(differ, load_64(kAlikeBits.data()));
+}
+
+// Encodes batches for as long as every value has the shape of the first one and a count that needs no limit. Returns
+// how many; of the next one nothing is written.
+WIDE_TARGET size_t encode_alike(const nnt_multitype *v, size_t batches, char *records) noexcept {
+  const Shape *const shape = shape_to_write(*v);
+  if (shape == nullptr) return 0;
+  nnt_multitype sample{};
+  sample.type = v->type;
+  sample.stddev_present = v->stddev_present;
+  const __m512i like = load_64(&sample);
+  const __m512i move = load_64(kMoves.to_pair.data());
+  const __m512i fixed =
+      _mm512_broadcast_i64x4(_mm256_load_si256(reinterpret_cast<const __m256i *>(shape->fixed_record)));
+  const __mmask64 moved = shape->record_from_value | shape->record_from_value << kRecordSize;
+  for (size_t done = 0; done < batches; ++done, v += kBatch, records += kBatch * kRecordSize) {
+    __m512i values[kBatch];
+#pragma GCC unroll 8
+    for (unsigned i = 0; i < kBatch; ++i) values[i] = load_64(v + i);
+    if (unlike(values, like) != 0) return done;
+    Batch b;
+#pragma GCC unroll 4
+    for (unsigned i = 0; i < 4; ++i) {
+      b.pair[i] = _mm512_or_si512(
+          _mm512_maskz_permutex2var_epi8(moved, values[2 * i], move, values[2 * i + 1]), fixed);
+    }
+    store_batch(b, _mm512_and_si512(checksums(b), low_bytes()), records);
+  }
+  return batches;
+}
+
 WIDE_TARGET bool encode_with(const nnt_multitype *v, size_t batches, char *records) noexcept {
-  for (size_t done = 0; done < batches * kBatch; done += kBatch) {
-    char *const to = records + done * kRecordSize;
-    if (!encode_usual(v + done, to) && !encode_one_by_one(v + done, kBatch, to)) return false;
+  for (size_t done = 0; done < batches; ++done) {
+    done += encode_alike(v + done * kBatch, batches - done, records + done * kBatch * kRecordSize);
+    if (done == batches) break;
+    const nnt_multitype *const from = v + done * kBatch;
+    char *const to = records + done * kBatch * kRecordSize;
+    if (!encode_usual(from, to) && !encode_one_by_one(from, kBatch, to)) return false;
   }
   return true;
 }

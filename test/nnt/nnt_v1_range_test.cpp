@@ -31,7 +31,7 @@ float random_rate(std::mt19937_64 &random) {
 }
 
 // What the slots of a range are like; each kind of run is met often enough.
-enum class Kind { one_type, storable, any_type, damaged, zeros, noise, kinds };
+enum class Kind { one_type, runs, storable, any_type, damaged, zeros, noise, kinds };
 
 nnt_multitype random_value(std::mt19937_64 &random, uint32_t type) {
   auto v = noise<nnt_multitype>(random);
@@ -44,7 +44,28 @@ nnt_multitype random_value(std::mt19937_64 &random, uint32_t type) {
   return v;
 }
 
+// Stretches of one type, all with or all without a deviation and with counts that are stored as they are, and a few
+// values that are different in one respect.
+std::vector<nnt_multitype> runs_of_values(std::mt19937_64 &random, size_t count) {
+  std::vector<nnt_multitype> values;
+  while (values.size() < count) {
+    const uint32_t type = static_cast<uint32_t>(random() % 6 + 1);
+    const uint8_t present = random() % 2 == 0 ? 0 : static_cast<uint8_t>(random() % 255 + 1);
+    for (size_t left = random() % 60 + 1; left > 0 && values.size() < count; --left) {
+      nnt_multitype v = random_value(random, type);
+      v.count = static_cast<uint32_t>(random() % 65536);
+      v.stddev_present = present;
+      if (random() % 50 == 0) v.count = static_cast<uint32_t>(random());
+      if (random() % 50 == 0) v.stddev_present = static_cast<uint8_t>(random() % 3);
+      if (random() % 50 == 0) v.type = static_cast<nnt_type_t>(random() % 7);
+      values.push_back(v);
+    }
+  }
+  return values;
+}
+
 std::vector<nnt_multitype> random_values(std::mt19937_64 &random, size_t count, Kind kind) {
+  if (kind == Kind::runs) return runs_of_values(random, count);
   const uint32_t common = static_cast<uint32_t>(random() % 6 + 1);
   const bool present = random() % 2 == 0;
   std::vector<nnt_multitype> values;
@@ -72,6 +93,9 @@ std::string random_records(std::mt19937_64 &random, size_t count, Kind kind) {
     std::string record = model_record(v);
     const auto change = [&] { record[random() % 32] = static_cast<char>(random()); };
     switch (kind) {
+      case Kind::runs:
+        if (random() % 50 == 0) change();
+        break;
       case Kind::damaged:
         if (random() % 6 == 0) change();
         if (random() % 6 == 0) {
@@ -104,6 +128,46 @@ bool same_bytes(const nnt_multitype &a, const nnt_multitype &b) {
 
 class NntRange : public testing::Test {
  protected:
+  void expect_view_reads(const std::string &records, size_t first) {
+    const size_t count = records.size() / 32;
+    View view = view_of(header(kPeriod, kEpoch) + records);
+    ASSERT_NE(view, nullptr);
+    std::vector<nnt_multitype> values(count + 1, filler()), expected(count + 1, filler());
+    for (size_t i = 0; i + first < count; ++i) {
+      nnt_datum_v1 d;
+      memcpy(&d, &records[32 * (first + i)], sizeof(d));
+      if (v1_decode(&d, &expected[i]) != 0) memset(&expected[i], 0, sizeof(expected[i]));
+    }
+    const int due = static_cast<int>(count - first);
+    ASSERT_EQ(nnt_get_fast_range(view.get(), kEpoch + first * kPeriod, due, values.data()), due);
+    for (size_t i = 0; i <= count; ++i) ASSERT_TRUE(same_bytes(values[i], expected[i])) << i;
+  }
+
+  void expect_handle_reads(const std::string &records) {
+    const size_t count = records.size() / 32;
+    Handle h = open_bytes(dir_, "f", header(kPeriod, kEpoch) + records);
+    ASSERT_NE(h, nullptr);
+    std::vector<nnt_multitype> values(count + 1, filler()), expected(count + 1, filler());
+    for (size_t i = 0; i < count; ++i) {
+      nnt_datum_v1 d;
+      memcpy(&d, &records[32 * i], sizeof(d));
+      expected[i].type = NNT_TYPE_ABSENT;
+      v1_decode(&d, &expected[i]);
+    }
+    const int due = static_cast<int>(count);
+    ASSERT_EQ(nnt_get_range(h.get(), kEpoch, due, values.data()), due);
+    for (size_t i = 0; i <= count; ++i) ASSERT_TRUE(same_bytes(values[i], expected[i])) << i;
+  }
+
+  void expect_written(const std::vector<nnt_multitype> &values) {
+    std::string expected = header(kPeriod, kEpoch);
+    for (const nnt_multitype &v : values) expected += model_record(v);
+    Handle h = open_bytes(dir_, "f", header(kPeriod, kEpoch));
+    const int due = static_cast<int>(values.size());
+    ASSERT_EQ(nnt_put_range(h.get(), kEpoch, due, values.data()), due);
+    ASSERT_EQ(dir_.read("f"), expected);
+  }
+
   template <typename Check>
   void for_each_case(uint64_t rounds, Check check) {
     for (uint64_t seed = 1; seed <= rounds; ++seed) {
@@ -121,49 +185,30 @@ class NntRange : public testing::Test {
 
 TEST_F(NntRange, AViewReadsWhatTheRecordsOneByOneGive) {
   for_each_case(5000, [&](std::mt19937_64 &random, size_t count, Kind kind) {
-    const std::string records = random_records(random, count, kind);
-    View view = view_of(header(kPeriod, kEpoch) + records);
-    ASSERT_NE(view, nullptr);
-    std::vector<nnt_multitype> values(count + 1, filler()), expected(count + 1, filler());
-    const size_t first = random() % count;
-    for (size_t i = 0; i + first < count; ++i) {
-      nnt_datum_v1 d;
-      memcpy(&d, &records[32 * (first + i)], sizeof(d));
-      if (v1_decode(&d, &expected[i]) != 0) memset(&expected[i], 0, sizeof(expected[i]));
-    }
-    const int due = static_cast<int>(count - first);
-    ASSERT_EQ(nnt_get_fast_range(view.get(), kEpoch + first * kPeriod, due, values.data()), due);
-    for (size_t i = 0; i <= count; ++i) ASSERT_TRUE(same_bytes(values[i], expected[i])) << i;
+    expect_view_reads(random_records(random, count, kind), random() % count);
   });
 }
 
 TEST_F(NntRange, AHandleReadsWhatTheRecordsOneByOneGive) {
   for_each_case(2000, [&](std::mt19937_64 &random, size_t count, Kind kind) {
-    const std::string records = random_records(random, count, kind);
-    Handle h = open_bytes(dir_, "f", header(kPeriod, kEpoch) + records);
-    ASSERT_NE(h, nullptr);
-    std::vector<nnt_multitype> values(count + 1, filler()), expected(count + 1, filler());
-    for (size_t i = 0; i < count; ++i) {
-      nnt_datum_v1 d;
-      memcpy(&d, &records[32 * i], sizeof(d));
-      expected[i].type = NNT_TYPE_ABSENT;
-      v1_decode(&d, &expected[i]);
-    }
-    const int due = static_cast<int>(count);
-    ASSERT_EQ(nnt_get_range(h.get(), kEpoch, due, values.data()), due);
-    for (size_t i = 0; i <= count; ++i) ASSERT_TRUE(same_bytes(values[i], expected[i])) << i;
+    expect_handle_reads(random_records(random, count, kind));
   });
 }
 
 TEST_F(NntRange, ARangeIsWrittenAsItsValuesOneByOne) {
   for_each_case(2000, [&](std::mt19937_64 &random, size_t count, Kind kind) {
-    const std::vector<nnt_multitype> values = random_values(random, count + 1, kind);
-    std::string expected = header(kPeriod, kEpoch);
-    for (const nnt_multitype &v : values) expected += model_record(v);
-    Handle h = open_bytes(dir_, "f", header(kPeriod, kEpoch));
-    const int due = static_cast<int>(values.size());
-    ASSERT_EQ(nnt_put_range(h.get(), kEpoch, due, values.data()), due);
-    ASSERT_EQ(dir_.read("f"), expected);
+    expect_written(random_values(random, count + 1, kind));
+  });
+}
+
+// From a length on, memory is asked for ahead of its use.
+TEST_F(NntRange, ALongRangeIsReadAndWrittenLikeAShortOne) {
+  for_each_case(20, [&](std::mt19937_64 &random, size_t, Kind kind) {
+    const size_t count = 1000 + random() % 3000;
+    const std::string records = random_records(random, count, kind);
+    ASSERT_NO_FATAL_FAILURE(expect_view_reads(records, random() % 100));
+    ASSERT_NO_FATAL_FAILURE(expect_handle_reads(records));
+    expect_written(random_values(random, count, kind));
   });
 }
 
