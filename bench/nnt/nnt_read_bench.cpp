@@ -13,6 +13,11 @@ using namespace nnt_bench;
 constexpr int64_t kDay = 288;
 constexpr int64_t kYear = 105120;
 
+void read_bare(const nnt_handle *h, std::string *records) {
+  const ssize_t got = pread(h->fd, records->data(), records->size(), 16);
+  require(got == static_cast<ssize_t>(records->size()), "pread");
+}
+
 #if NNT_BENCH_HAS_RRD
 double goal(const benchmark::State &state) {
   return state.range(0) == kDay ? 0.035 : 0.70;
@@ -44,6 +49,17 @@ void BM_ReadByHandle(benchmark::State &state) {
       [&] { files.rrd.fetch(slots); });
 }
 BENCHMARK(BM_ReadByHandle)->Arg(kDay)->Arg(kYear)->UseManualTime();
+
+// The limit of reading by handle: only the bytes are read, and nothing is made of them.
+void BM_BareReadByHandle(benchmark::State &state) {
+  const size_t slots = static_cast<size_t>(state.range(0));
+  Files files(slots);
+  std::string records(slots * 32, '\0');
+  compare(
+      state, slots > 1000 ? 1 : 16, goal(state), [] {}, [&] { read_bare(files.h, &records); },
+      [&] { files.rrd.fetch(slots); });
+}
+BENCHMARK(BM_BareReadByHandle)->Arg(kDay)->Arg(kYear)->UseManualTime();
 
 void BM_ReadByView(benchmark::State &state) {
   const size_t slots = static_cast<size_t>(state.range(0));
@@ -89,10 +105,7 @@ void BM_ReadByHandleNextToPread(benchmark::State &state) {
         const int count = static_cast<int>(slots);
         require(nnt_get_range(h, kEpoch, count, values.data()) == count, "nnt_get_range");
       },
-      [&] {
-        const ssize_t got = pread(h->fd, records.data(), records.size(), 16);
-        require(got == static_cast<ssize_t>(records.size()), "pread");
-      });
+      [&] { read_bare(h, &records); });
   nnt_close(h);
 }
 BENCHMARK(BM_ReadByHandleNextToPread)->Arg(kDay)->Arg(kYear)->UseManualTime();
