@@ -63,6 +63,7 @@ class SlotList {
 class SlotSeries {
  public:
   explicit SlotSeries(uint32_t period_s) : period_s_(period_s) {}
+  SlotSeries(SlotSeries &&) = default;  // no copies: current_ stays with its slot
 
   // Folds a numeric sample that is not null into its slot. True when that slot was opened by it. Samples may
   // come in any order; the rate of one that is not later than the sample before it is unknown.
