@@ -14,9 +14,10 @@
 //       Run configure(CLI::App &app) {
 //         auto options = std::make_shared<Options>();
 //         app.add_option("FILE", options->file, "file to work on")->type_name("FILE")->required();
-//         app.add_option("-c,--copies", options->copies, "how
-//         many")->type_name("COUNT")->capture_default_str(); return [options](Session &session) { return
-//         run(*options, session); };
+//         app.add_option("-c,--copies", options->copies, "how many")
+//             ->type_name("COUNT")
+//             ->capture_default_str();
+//         return [options](Session &session) { return run(*options, session); };
 //       }
 //       }  // namespace
 //

@@ -47,21 +47,26 @@ typedef struct host_config host_config;
 
 /* From C any value may arrive in one of these enumerations; the fixed type makes that defined in C++ too. */
 #ifdef __cplusplus
-#define TOPO_ENUM enum : unsigned
+#define TOPO_ENUM_TYPE : unsigned
 #else
-#define TOPO_ENUM enum
+#define TOPO_ENUM_TYPE
 #endif
 
 /* Which half of the ring a node's points lie in, in a topology that has sides. The values enter the
  * signature. */
-typedef TOPO_ENUM{
-    TOPO_RINGSIDE_BOTH = 0, TOPO_RINGSIDE_A = 1, /* the lower half: top bit of the location clear */
-    TOPO_RINGSIDE_B = 2                          /* the upper half */
+typedef enum TOPO_ENUM_TYPE {
+  TOPO_RINGSIDE_BOTH = 0,
+  TOPO_RINGSIDE_A = 1, /* the lower half: top bit of the location clear */
+  TOPO_RINGSIDE_B = 2  /* the upper half */
 } topo_host_ringside_t;
 
 /* How far a node is with a rebalance. */
-typedef TOPO_ENUM{TOPO_ACTIVE_UNKNOWN = 0, TOPO_ACTIVE_NEW = 1, TOPO_ACTIVE_TRANSITIONING = 2,
-                  TOPO_ACTIVE_TRANSITIONED = 3} topo_host_state_t;
+typedef enum TOPO_ENUM_TYPE {
+  TOPO_ACTIVE_UNKNOWN = 0,
+  TOPO_ACTIVE_NEW = 1,
+  TOPO_ACTIVE_TRANSITIONING = 2,
+  TOPO_ACTIVE_TRANSITIONED = 3
+} topo_host_state_t;
 
 /* One node of a topology. */
 struct host_config {
