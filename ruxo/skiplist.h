@@ -11,7 +11,8 @@
 RUXO_BEGIN_DECLS
 
 typedef struct ruxo_skiplist ruxo_skiplist;
-/* A position in the list; null is "none". */
+/* A position in the list; null is "none". It points into the one array of all elements, in order, so the node of the
+ * smallest element is that array until the list changes. */
 typedef void *const *ruxo_skiplist_node;
 /* Orders two elements (or, in the key form, a key `a` against an element `b`): negative, zero or positive as
  * `a` comes before, is equal to or comes after `b`. A strict weak order, and the same one in both forms. */

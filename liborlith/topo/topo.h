@@ -115,7 +115,7 @@ struct topo_config {
   char *ca_chain;                    /* owned, may be null: path of a CA bundle for TLS peers */
   struct curl_slist *connect_to;     /* owned: "ID:APIPORT:HOSTNAME:APIPORT" for each node */
   uint8_t *fast_loc_ring;            /* owned: the locations of all points, 32 bytes each, in ring order */
-  host_config_slot **fast_slot_ring; /* owned: the same points; the first one begins the block of all slots */
+  host_config_slot **fast_slot_ring; /* the array of `ring`; its first point begins the block of all slots */
   fast_search_hints_t *fast_search_hints; /* owned: FAST_SIZE entries */
 };
 

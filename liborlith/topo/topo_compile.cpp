@@ -106,10 +106,9 @@ void topo_free(topo_config *tc) {
     free(tc->hc[i].url_prefix);
   }
   free(tc->hc);
-  if (tc->ring != nullptr) ruxo_skiplist_destroy(tc->ring, nullptr);
-  // All slots are one block, which the first of them begins.
+  // All slots are one block, which the first of them begins. The table of them is the list's own.
   if (tc->fast_slot_ring != nullptr) free(tc->fast_slot_ring[0]);
-  free(tc->fast_slot_ring);
+  if (tc->ring != nullptr) ruxo_skiplist_destroy(tc->ring, nullptr);
   free(tc->fast_loc_ring);
   free(tc->fast_search_hints);
   curl_slist_free_all(tc->connect_to);

@@ -109,7 +109,6 @@ void topo_hash_points_portable(const char *id_str, uint32_t first, uint32_t coun
 struct TopoRingTables {
   host_config_slot *slots;  // in ring order
   uint8_t *locations;       // the same locations again, close together
-  host_config_slot **slot_ring;
   fast_search_hints_t *hints;
   size_t size;  // number of points
 };

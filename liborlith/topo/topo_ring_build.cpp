@@ -4,9 +4,8 @@
 // order:
 //   1. hash: the locations of all points, node by node (into memory that the slots get later);
 //   2. deal: each point goes to the bucket of its leading bits, a few thousand points each;
-//   3. sort: one bucket at a time, inside the cache, by the next bits and then by 64-bit prefix, writing the
-//   slots,
-//      the two arrays in ring order and the number of points below each search hint's prefix.
+//   3. sort: one bucket at a time, inside the cache, by the next bits and then by 64-bit prefix, writing the slots,
+//      the locations in ring order and the number of points below each search hint's prefix.
 // Locations are hashes, so buckets fill evenly; uneven ones cost time, never correctness.
 #include <sys/mman.h>
 
@@ -55,7 +54,8 @@ Array<T> allocate(size_t count) {
 }
 
 // Which node a point belongs to and its number there, in one word; ascending in the order of generation.
-using Origin = uint64_t;
+using Origin = uint32_t;
+static_assert(TOPO_MAX_HOSTS <= 65536, "a node and a point of 16 bits fit into an origin");
 Origin make_origin(size_t node, uint32_t idx) {
   return (static_cast<Origin>(node) << 16) | idx;
 }
@@ -75,7 +75,6 @@ class RingBuilder {
     bucket_begin_.resize((size_t{1} << bucket_bits_) + 1);
     slots_ = allocate<host_config_slot>(size_);
     locations_ = allocate<uint8_t>(size_ * TOPO_HASH_SIZE);
-    slot_ring_ = allocate<host_config_slot *>(size_);
     hints_ = allocate<fast_search_hints_t>(FAST_SIZE);
   }
 
@@ -85,7 +84,7 @@ class RingBuilder {
     sort();
     drop_equal_points();
     write_hints();
-    return {slots_.release(), locations_.release(), slot_ring_.release(), hints_.release(), size_};
+    return {slots_.release(), locations_.release(), hints_.release(), size_};
   }
 
  private:
@@ -115,7 +114,8 @@ class RingBuilder {
     for (size_t i = 1; i < bucket_begin_.size(); ++i) bucket_begin_[i] += bucket_begin_[i - 1];
   }
 
-  // Step 2. The origins lie in the block of the slot pointers, one where each pointer will be.
+  // Step 2. The origins lie at the very end of the block of the slots. Slot i ends where origin i or an earlier one
+  // begins, so the slots of a bucket overwrite no origins but those of this bucket, which are read before.
   void deal() {
     std::vector<uint32_t> next(bucket_begin_);
     const uint8_t *location = generated();
@@ -124,7 +124,7 @@ class RingBuilder {
         const size_t position = next[bucket_of(location)]++;
         memcpy(&locations_[position * TOPO_HASH_SIZE], location, TOPO_HASH_SIZE);
         const Origin origin = make_origin(node, i);
-        memcpy(static_cast<void *>(&slot_ring_[position]), &origin, sizeof origin);
+        memcpy(dealt_origin(position), &origin, sizeof origin);
       }
     }
   }
@@ -158,9 +158,8 @@ class RingBuilder {
     for (size_t i = 0; i < count; ++i) {
       const uint64_t prefix = prefix_in_bucket(i);
       Origin origin;
-      memcpy(&origin, static_cast<const void *>(&slot_ring_[begin + i]), sizeof origin);
-      keys_[spot_begin_[spot_of(prefix)]++] = {prefix, static_cast<uint32_t>(origin),
-                                               static_cast<uint32_t>(i)};
+      memcpy(&origin, dealt_origin(begin + i), sizeof origin);
+      keys_[spot_begin_[spot_of(prefix)]++] = {prefix, origin, static_cast<uint32_t>(i)};
     }
   }
 
@@ -196,7 +195,6 @@ class RingBuilder {
       slot->node = &hosts_[key.origin >> 16];
       slot->idx = static_cast<uint16_t>(key.origin & 0xffff);
       memcpy(&locations_[(begin + i) * TOPO_HASH_SIZE], location, TOPO_HASH_SIZE);
-      slot_ring_[begin + i] = slot;
       count_below(key.prefix >> (64 - FAST_SIZE_BITS), begin + i);
       if (i > 0 && key.prefix == keys_[i - 1].prefix) note_if_equal(i);
     }
@@ -241,6 +239,9 @@ class RingBuilder {
   }
 
   uint8_t *generated() { return reinterpret_cast<uint8_t *>(slots_.get()); }
+  uint8_t *dealt_origin(size_t position) {
+    return generated() + size_ * (sizeof(host_config_slot) - sizeof(Origin)) + position * sizeof(Origin);
+  }
   const uint8_t *location_in_bucket(size_t i) const { return &bucket_locations_[i * TOPO_HASH_SIZE]; }
   uint64_t prefix_in_bucket(size_t i) const { return topo_location_prefix(location_in_bucket(i)); }
 
@@ -252,7 +253,6 @@ class RingBuilder {
 
   Array<host_config_slot> slots_;
   Array<uint8_t> locations_;
-  Array<host_config_slot *> slot_ring_;
   Array<fast_search_hints_t> hints_;
 
   // The bucket at hand.
@@ -266,8 +266,8 @@ class RingBuilder {
   std::vector<uint32_t> points_below_ = std::vector<uint32_t>(FAST_SIZE + 1);
 };
 
-// A slot pointer's place also holds an origin for a while; see deal().
-static_assert(sizeof(host_config_slot *) == sizeof(Origin));
+// A slot's place also holds a location and an origin for a while; see hash() and deal().
+static_assert(sizeof(host_config_slot) >= TOPO_HASH_SIZE + sizeof(Origin));
 
 void fill_hostset(topo_config *newconf) {
   for (size_t i = 0; i < newconf->host_count; ++i) {
@@ -287,6 +287,12 @@ void log_point(const host_config_slot *slot) {
   topo_hash_to_hex(slot->location, hex);
   ruxo_log(topo_debug, "ring(%0.5f%%) %s: %s-%d\n", topo_ring_percent(slot->location), hex,
            slot->node->id_str, slot->idx);
+}
+
+// The list keeps its elements in one array in order, which no one changes after compilation: the same array serves as
+// the table of slots. A second one would be 67 MB in the largest ring.
+host_config_slot **slots_of(const ruxo_skiplist *ring) {
+  return reinterpret_cast<host_config_slot **>(const_cast<void **>(ruxo_skiplist_first(ring)));
 }
 
 // memcmp's order over the whole location; its first 64 bits decide nearly always.
@@ -324,11 +330,12 @@ void topo_build_ring(topo_config *newconf) {
   if (newconf->ring == nullptr) throw std::bad_alloc();
   const TopoRingTables tables = topo_build_ring_tables(newconf->hc, newconf->host_count, topo_hash_points);
   newconf->fast_loc_ring = tables.locations;
-  newconf->fast_slot_ring = tables.slot_ring;
   newconf->fast_search_hints = tables.hints;
   if (ruxo_skiplist_build_strided(newconf->ring, tables.slots, sizeof(host_config_slot), tables.size) != 0) {
+    free(tables.slots);
     throw std::bad_alloc();  // the points are strictly ascending, so nothing else can be wrong
   }
+  newconf->fast_slot_ring = slots_of(newconf->ring);
   size_t i = tables.size;
   liborlith_assert(i == ruxo_skiplist_size(newconf->ring));
   if (!ruxo_log_stream_is_live(topo_debug)) return;
