@@ -1,0 +1,90 @@
+// Life of histograms, and access to their buckets.
+#include "vaskllhist/histogram_private.h"
+
+#include <algorithm>
+#include <new>
+
+using vaskllhist::Code;
+
+size_t histogram::position_of(Code code) const noexcept {
+  return static_cast<size_t>(std::lower_bound(codes.begin(), codes.end(), code) - codes.begin());
+}
+
+histogram_t *hist_alloc(void) {
+  return new (std::nothrow) histogram;
+}
+
+histogram_t *hist_alloc_bins(int bins) {
+  try {
+    auto h = std::make_unique<histogram>();
+    const auto room = static_cast<size_t>(std::clamp(bins, 0, HIST_MAX_BUCKETS));
+    h->codes.reserve(room);
+    h->counts.reserve(room);
+    return h.release();
+  } catch (const std::bad_alloc &) {
+    return nullptr;
+  }
+}
+
+void hist_free(histogram_t *h) {
+  delete h;
+}
+
+histogram_t *hist_clone(const histogram_t *h) {
+  if (h == nullptr) return nullptr;
+  try {
+    auto copy = std::make_unique<histogram>();
+    copy->codes = h->codes;
+    copy->counts = h->counts;
+    copy->is_difference = h->is_difference;
+    return copy.release();
+  } catch (const std::bad_alloc &) {
+    return nullptr;
+  }
+}
+
+void hist_clear(histogram_t *h) {
+  if (h == nullptr) return;
+  h->codes.clear();
+  h->counts.clear();
+  h->lookup.reset();
+  h->is_difference = false;
+}
+
+int hist_bucket_count(const histogram_t *h) {
+  return h == nullptr ? 0 : static_cast<int>(h->size());
+}
+
+int hist_bucket_at(const histogram_t *h, int index, hist_bucket_t *bucket, uint64_t *count) {
+  if (h == nullptr || index < 0 || static_cast<size_t>(index) >= h->size()) return HIST_E_INDEX;
+  const auto at = static_cast<size_t>(index);
+  if (bucket != nullptr) *bucket = vaskllhist::bucket_of(h->codes[at]);
+  if (count != nullptr) *count = h->counts[at];
+  return 0;
+}
+
+uint64_t hist_count_at(const histogram_t *h, hist_bucket_t bucket) {
+  if (h == nullptr || !hist_bucket_is_valid(bucket)) return 0;
+  const Code code = vaskllhist::code_of(bucket);
+  const size_t at = h->position_of(code);
+  return at < h->size() && h->codes[at] == code ? h->counts[at] : 0;
+}
+
+bool hist_is_difference(const histogram_t *h) {
+  return h != nullptr && h->is_difference;
+}
+
+void hist_remove_zeroes(histogram_t *h) {
+  if (h == nullptr) return;
+  size_t kept = 0;
+  for (size_t i = 0; i < h->size(); ++i) {
+    if (h->counts[i] == 0) continue;
+    h->codes[kept] = h->codes[i];
+    h->counts[kept] = h->counts[i];
+    ++kept;
+  }
+  if (kept == h->size()) return;
+  h->codes.resize(kept);
+  h->counts.resize(kept);
+  h->lookup.reset();
+}
