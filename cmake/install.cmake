@@ -1,19 +1,19 @@
 # What `cmake --install` lays down: the libraries, the public headers under their own folders, the tool,
 # pkg-config files and a CMake package.
-#   find_package(liborlith) gives liborlith::liborlith, liborlith::ruxo and liborlith::pobe; the archives are
-#   liborlith::liborlith_static and so on.
+#   find_package(liborlith) gives liborlith::liborlith, liborlith::ruxo, liborlith::pobe and liborlith::vaskllhist; the
+#   archives are liborlith::liborlith_static and so on.
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/liborlith)
 
-install(TARGETS liborlith ruxo pobe EXPORT liborlithTargets
+install(TARGETS liborlith ruxo pobe vaskllhist EXPORT liborlithTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(TARGETS liborlith_static ruxo_static pobe_static EXPORT liborlithStaticTargets
+install(TARGETS liborlith_static ruxo_static pobe_static vaskllhist_static EXPORT liborlithStaticTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS orlith RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 # Headers that only a folder needs stay out.
-install(DIRECTORY liborlith ruxo pobe DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+install(DIRECTORY liborlith ruxo pobe vaskllhist DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h"
   PATTERN "*_private.h" EXCLUDE
   PATTERN "*_internal.h" EXCLUDE
@@ -41,5 +41,6 @@ function(orlith_pkgconfig name description requires requires_private)
 endfunction()
 orlith_pkgconfig(ruxo "application framework of liborlith" "" "json-c uuid ck libxxhash libcrypto")
 orlith_pkgconfig(pobe "metric names with tags" "" "")
-orlith_pkgconfig(liborlith "what every node of a time-series cluster agrees on" "ruxo pobe libxml-2.0"
+orlith_pkgconfig(vaskllhist "log-linear histograms" "" "")
+orlith_pkgconfig(liborlith "what every node of a time-series cluster agrees on" "ruxo pobe vaskllhist libxml-2.0"
   "libcurl ck libcrypto")

@@ -48,9 +48,9 @@ constexpr std::array<WidePower, kMaxPower - kMinPower + 1> make_powers() {
 
 inline constexpr std::array<WidePower, kMaxPower - kMinPower + 1> kPowers = make_powers();
 
-// The double nearest to `factor` * 10^`power`, the factor from 1 to 255. Only multiples of powers up to 10^23 lie in the
-// very middle between two doubles, and these powers are exact; all others are far enough from it for 111 bits to decide.
-// (The tests compare every bin border with the C library's reading of its decimal text.)
+// The double nearest to `factor` * 10^`power`, the factor from 1 to 255. Only multiples of powers up to 10^23 lie in
+// the very middle between two doubles, and these powers are exact; all others are far enough from it for 111 bits to
+// decide. (The tests compare every bin border with the C library's reading of its decimal text.)
 constexpr double multiple_of_power(unsigned factor, int power) {
   const WidePower &wide = kPowers[static_cast<size_t>(power - kMinPower)];
   uint128 product = (wide.mantissa >> 8) * factor;
@@ -64,7 +64,7 @@ constexpr double multiple_of_power(unsigned factor, int power) {
   const uint128 rest = product & ((uint128{1} << dropped) - 1);
   uint64_t digits = static_cast<uint64_t>(product >> dropped);
   if (rest > half || (rest == half && (digits & 1) != 0)) ++digits;
-  // The top one of the 53 digits adds one to the exponent field, and a carry out of them another one: both belong there.
+  // The top one of the 53 digits adds one to the exponent field, a carry out of them another one: both belong there.
   const auto field = static_cast<uint64_t>(exponent + dropped + 52 + 1023 - 1);
   return std::bit_cast<double>((field << 52) + digits);
 }

@@ -22,6 +22,7 @@ char *abi_copy(const char *text); /* from malloc */
 void call_ruxo_data(void);
 void call_ruxo_log(void);
 void call_pobe(void);
+void call_vaskllhist(void);
 void call_init(void);
 void call_readers(void);
 void call_hooks(void);

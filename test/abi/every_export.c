@@ -48,6 +48,7 @@ int main(void) {
   call_ruxo_data();
   call_ruxo_log();
   call_pobe();
+  call_vaskllhist();
   call_readers();
   call_hooks();
   call_metric_name();

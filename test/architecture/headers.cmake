@@ -1,7 +1,8 @@
 # Every public header compiles alone, as C11 and as C++17: one source file each is generated and compiled with
 # warnings as errors. A header that needs another one first, or uses a newer language, breaks the build here.
 file(GLOB_RECURSE headers RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
-  ${PROJECT_SOURCE_DIR}/ruxo/*.h ${PROJECT_SOURCE_DIR}/pobe/*.h ${PROJECT_SOURCE_DIR}/liborlith/*.h)
+  ${PROJECT_SOURCE_DIR}/ruxo/*.h ${PROJECT_SOURCE_DIR}/pobe/*.h
+  ${PROJECT_SOURCE_DIR}/vaskllhist/*.h ${PROJECT_SOURCE_DIR}/liborlith/*.h)
 list(FILTER headers EXCLUDE REGEX "_private\\.h$|_internal\\.h$|liborlith_(fatal|module)\\.h$")
 
 set(c_sources)
