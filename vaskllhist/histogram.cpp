@@ -10,6 +10,17 @@ size_t histogram::position_of(Code code) const noexcept {
   return static_cast<size_t>(std::lower_bound(codes.begin(), codes.end(), code) - codes.begin());
 }
 
+void histogram::want_lookup() noexcept {
+  // Below this many buckets a search is as quick as a lookup, and a lookup takes more memory than they do.
+  constexpr size_t worth_it = 9;
+  if (lookup || is_difference || size() < worth_it) return;
+  try {
+    lookup = std::make_unique<vaskllhist::Lookup>(codes);
+  } catch (const std::bad_alloc &) {
+    lookup.reset();
+  }
+}
+
 histogram_t *hist_alloc(void) {
   return new (std::nothrow) histogram;
 }

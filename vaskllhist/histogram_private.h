@@ -34,6 +34,10 @@ struct histogram {
     counts.reserve(room);
   }
 
+  // Makes the lookup, unless there is one or it is not worth it. It only makes counting quicker, so running out of
+  // memory does not matter.
+  void want_lookup() noexcept;
+
   // A count as statistics see it.
   uint64_t counted(size_t index) const noexcept {
     const uint64_t largest = is_difference ? INT64_MAX : UINT64_MAX;

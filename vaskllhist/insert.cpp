@@ -7,9 +7,6 @@
 namespace vaskllhist {
 namespace {
 
-// Below this many buckets a search is as quick as a lookup, and a lookup takes more memory than they do.
-constexpr size_t kLookupFrom = 9;
-
 void add_to_count(histogram &h, size_t index, uint64_t count) noexcept {
   uint64_t &sum = h.counts[index];
   if (!h.is_difference) {
@@ -29,15 +26,6 @@ void add_bucket(histogram &h, size_t index, Code code, uint64_t count) {
   if (h.lookup) h.lookup->refresh(h.codes, index);
 }
 
-// Only makes counting quicker, so it does not matter if there is no memory for it.
-void make_lookup(histogram &h) noexcept {
-  if (h.lookup || h.is_difference || h.size() < kLookupFrom) return;
-  try {
-    h.lookup = std::make_unique<Lookup>(h.codes);
-  } catch (const std::bad_alloc &) {
-  }
-}
-
 int insert_by_search(histogram &h, Code code, uint64_t count) noexcept {
   return or_out_of_memory([&]() -> int {
     const size_t index = h.position_of(code);
@@ -46,7 +34,7 @@ int insert_by_search(histogram &h, Code code, uint64_t count) noexcept {
     } else {
       add_bucket(h, index, code, h.is_difference ? std::min<uint64_t>(count, INT64_MAX) : count);
     }
-    make_lookup(h);
+    h.want_lookup();
     return 0;
   });
 }

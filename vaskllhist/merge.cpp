@@ -18,25 +18,59 @@ bool are_arguments(const histogram_t *target, const histogram_t *const *sources,
   return std::find(sources, sources + count, target) == sources + count;
 }
 
-// All codes of the target and the sources, in order.
-std::vector<Code> union_of(const histogram &target, Sources sources) {
-  std::vector<Code> all = target.codes;
-  std::vector<Code> merged;
+bool has_buckets_of(const histogram &h, const histogram &other) {
+  if (h.codes == other.codes || other.codes.empty()) return true;
+  if (!h.lookup) return false;
+  bool is_absent = false;
+  for (const Code code : other.codes) is_absent |= h.lookup->index_of(code) == Lookup::kAbsent;
+  return !is_absent;
+}
+
+// All codes of the target and the sources, in order; nothing when the target has them all.
+std::vector<Code> merged_codes(const histogram &target, Sources sources) {
+  std::vector<Code> all, merged;
   for (const histogram *source : sources) {
-    if (source == nullptr || source->codes == all) continue;
+    if (source == nullptr || has_buckets_of(target, *source) || source->codes == all) continue;
+    const std::vector<Code> &so_far = all.empty() ? target.codes : all;
     merged.clear();
-    std::set_union(all.begin(), all.end(), source->codes.begin(), source->codes.end(),
+    std::set_union(so_far.begin(), so_far.end(), source->codes.begin(), source->codes.end(),
                    std::back_inserter(merged));
     all.swap(merged);
   }
   return all;
 }
 
+// The same for many sources: marks every code of theirs in a table, and reads the table in order.
+std::vector<Code> marked_codes(const histogram &target, Sources sources) {
+  std::vector<uint8_t> marks(size_t{kNoNumberCode} + 1);
+  for (const Code code : target.codes) marks[code] = 1;
+  const histogram *before = &target;
+  for (const histogram *source : sources) {
+    if (source == nullptr || source->codes == before->codes) continue;
+    for (const Code code : source->codes) marks[code] = 1;
+    before = source;
+  }
+  std::vector<Code> all;
+  for (auto mark = marks.begin(); (mark = std::find(mark, marks.end(), 1)) != marks.end(); ++mark)
+    all.push_back(static_cast<Code>(mark - marks.begin()));
+  return all;
+}
+
+// From about as many buckets of sources on, a table of all codes costs little beside them.
+constexpr size_t kManyBuckets = 10000;
+
+bool are_many_buckets(Sources sources) {
+  size_t buckets = 0;
+  for (const histogram *source : sources) buckets += source == nullptr ? 0 : source->size();
+  return buckets >= kManyBuckets;
+}
+
 // Gives the target a bucket, with nothing in it, for every code that a source has and it has not. Nothing is changed
 // when memory runs out.
 void make_buckets(histogram &target, Sources sources) {
-  std::vector<Code> codes = union_of(target, sources);
-  if (codes.size() == target.size()) return;
+  std::vector<Code> codes =
+      are_many_buckets(sources) ? marked_codes(target, sources) : merged_codes(target, sources);
+  if (codes.size() <= target.size()) return;
   std::vector<uint64_t> counts(codes.size());
   for (size_t from = 0, to = 0; from < target.size(); ++to) {
     if (codes[to] == target.codes[from]) counts[to] = target.counts[from++];
@@ -49,8 +83,14 @@ void make_buckets(histogram &target, Sources sources) {
 // Calls add(index in the target, count) for every bucket of the source; the target has them all.
 template <typename Add>
 void for_each_bucket(const histogram &target, const histogram &source, Add add) {
-  for (size_t from = 0, to = 0; from < source.size(); ++to) {
-    if (target.codes[to] == source.codes[from]) add(to, source.counts[from++]);
+  const size_t size = source.size();
+  if (target.codes == source.codes) {
+    for (size_t i = 0; i < size; ++i) add(i, source.counts[i]);
+  } else if (target.lookup) {
+    for (size_t i = 0; i < size; ++i) add(target.lookup->index_of(source.codes[i]), source.counts[i]);
+  } else {
+    for (size_t from = 0, to = 0; from < size; ++to)
+      if (target.codes[to] == source.codes[from]) add(to, source.counts[from++]);
   }
 }
 
@@ -122,11 +162,12 @@ void accumulate(histogram &target, Sources sources) {
     return;
   }
   make_buckets(target, sources);
+  uint64_t *const counts = target.counts.data();
   for (const histogram *source : sources) {
-    if (source == nullptr) continue;
-    for_each_bucket(target, *source, [&](size_t at, uint64_t count) {
-      target.counts[at] = saturating_sum(target.counts[at], count);
-    });
+    if (source == nullptr || source->codes.empty()) continue;
+    if (source->codes != target.codes) target.want_lookup();
+    for_each_bucket(target, *source,
+                    [counts](size_t at, uint64_t count) { counts[at] = saturating_sum(counts[at], count); });
   }
 }
 

@@ -53,12 +53,10 @@ inline constexpr std::array<WidePower, kMaxPower - kMinPower + 1> kPowers = make
 // decide. (The tests compare every bin border with the C library's reading of its decimal text.)
 constexpr double multiple_of_power(unsigned factor, int power) {
   const WidePower &wide = kPowers[static_cast<size_t>(power - kMinPower)];
-  uint128 product = (wide.mantissa >> 8) * factor;
-  int exponent = wide.exponent + 8;
-  while (product < kTopBit) {
-    product <<= 1;
-    --exponent;
-  }
+  const uint128 narrow = (wide.mantissa >> 8) * factor;
+  const int shift = std::countl_zero(static_cast<uint64_t>(narrow >> 64));
+  const uint128 product = narrow << shift;
+  const int exponent = wide.exponent + 8 - shift;
   constexpr int dropped = 128 - 53;
   constexpr uint128 half = uint128{1} << (dropped - 1);
   const uint128 rest = product & ((uint128{1} << dropped) - 1);
