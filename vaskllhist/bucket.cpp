@@ -11,11 +11,11 @@ namespace {
 
 // The border on the side of zero, or the one away from it, as a positive number.
 double inner_border(hist_bucket_t bucket) {
-  return vaskllhist::multiple_of_power(static_cast<unsigned>(std::abs(bucket.val)), bucket.exp - 1);
+  return vaskllhist::quick_multiple_of_power(static_cast<unsigned>(std::abs(bucket.val)), bucket.exp - 1);
 }
 
 double outer_border(hist_bucket_t bucket) {
-  return vaskllhist::multiple_of_power(static_cast<unsigned>(std::abs(bucket.val)) + 1, bucket.exp - 1);
+  return vaskllhist::quick_multiple_of_power(static_cast<unsigned>(std::abs(bucket.val)) + 1, bucket.exp - 1);
 }
 
 bool is_number(hist_bucket_t bucket) {

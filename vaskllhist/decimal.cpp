@@ -137,7 +137,7 @@ double midpoint_of(Code code) noexcept {
   const Code magnitude = code < kZeroCode ? negated(code) : code;
   const unsigned twice = 2 * (magnitude % kPageSize) + 1;
   const int exponent = static_cast<int>((magnitude & 0x7fffU) >> kPageBits) + kMinExponent;
-  const double middle = multiple_of_power(twice, exponent - 1) / 2;
+  const double middle = quick_multiple_of_power(twice, exponent - 1) / 2;
   return code < kZeroCode ? -middle : middle;
 }
 

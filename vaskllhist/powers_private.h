@@ -67,6 +67,19 @@ constexpr double multiple_of_power(unsigned factor, int power) {
   return std::bit_cast<double>((field << 52) + digits);
 }
 
+// The powers of ten that doubles hold exactly.
+inline constexpr std::array<double, 23> kExactPowers = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                                        1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                                        1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+// The same double, sooner for the usual powers: one operation on two exact numbers rounds to the nearest.
+inline double quick_multiple_of_power(unsigned factor, int power) {
+  constexpr int largest = kExactPowers.size() - 1;
+  if (0 <= power && power <= largest) return factor * kExactPowers[static_cast<size_t>(power)];
+  if (-largest <= power && power < 0) return factor / kExactPowers[static_cast<size_t>(-power)];
+  return multiple_of_power(factor, power);
+}
+
 }  // namespace vaskllhist
 
 #endif
