@@ -8,13 +8,6 @@
 namespace vaskllhist {
 namespace {
 
-constexpr unsigned kDecades = kMaxExponent - kMinExponent + 1;
-constexpr unsigned kBins = kMaxMantissa - kMinMantissa + 1;
-
-// The lower borders of the positive bins of one exponent, as the bits of doubles: these order like integers, faster.
-// Behind the last comes the first border of the next decade.
-using Decade = std::array<uint64_t, kBins + 1>;
-
 constexpr std::array<Decade, kDecades> make_borders() {
   std::array<Decade, kDecades> borders{};
   for (unsigned decade = 0; decade < kDecades; ++decade) {
@@ -27,24 +20,15 @@ constexpr std::array<Decade, kDecades> make_borders() {
   return borders;
 }
 
-constexpr std::array<Decade, kDecades> kBorders = make_borders();
-
-// The first border of each decade, and behind them the end of the last.
 constexpr std::array<uint64_t, kDecades + 1> make_starts() {
   std::array<uint64_t, kDecades + 1> starts{};
-  for (unsigned decade = 0; decade < kDecades; ++decade) {
-    starts[decade] = kBorders[decade][0];
-    starts[decade + 1] = kBorders[decade][kBins];
+  for (unsigned decade = 0; decade <= kDecades; ++decade) {
+    const double start = multiple_of_power(1, static_cast<int>(decade) + kMinExponent);
+    starts[decade] = std::bit_cast<uint64_t>(start);
   }
   return starts;
 }
 
-constexpr std::array<uint64_t, kDecades + 1> kStarts = make_starts();
-constexpr uint64_t kSmallest = kStarts.front();
-constexpr uint64_t kTooLarge = kStarts.back();
-
-// Brings the values of a decade to their mantissas. Made smaller by four roundings, so that the product of a value is
-// never above its mantissa though possibly, close above a border, below it.
 constexpr std::array<double, kDecades> make_scales() {
   std::array<double, kDecades> scales{};
   for (unsigned decade = 0; decade < kDecades; ++decade) {
@@ -52,14 +36,6 @@ constexpr std::array<double, kDecades> make_scales() {
     scales[decade] = exact * (1 - 4 * std::numeric_limits<double>::epsilon());
   }
   return scales;
-}
-
-constexpr std::array<double, kDecades> kScales = make_scales();
-
-// The decade that 2^`exponent` lies in, which is -1 for the power of two below the smallest border: the logarithm of 2
-// to 18 binary places, which is right for every exponent in range.
-constexpr int decade_of_power_of_two(int exponent) {
-  return (exponent * 78913 >> 18) - kMinExponent;
 }
 
 constexpr std::array<uint64_t, 20> make_integer_powers() {
@@ -78,6 +54,10 @@ unsigned digits_of(uint64_t number) noexcept {
 }
 
 }  // namespace
+
+constexpr std::array<Decade, kDecades> kBorders = make_borders();
+constexpr std::array<uint64_t, kDecades + 1> kStarts = make_starts();
+constexpr std::array<double, kDecades> kScales = make_scales();
 
 Code code_of(hist_bucket_t bucket) noexcept {
   if (bucket.val == kZeroBucket.val) return kZeroCode;
@@ -101,21 +81,6 @@ bool is_code(Code code) noexcept {
   if (code == kZeroCode || code == kNoNumberCode) return true;
   const unsigned val = (code < kZeroCode ? negated(code) : code) % kPageSize;
   return kMinMantissa <= val && val <= kMaxMantissa;
-}
-
-Code code_of_value(double value) noexcept {
-  const auto bits = std::bit_cast<uint64_t>(value);
-  const uint64_t magnitude = bits << 1 >> 1;
-  if (magnitude - kSmallest >= kTooLarge - kSmallest)
-    return magnitude < kSmallest ? kZeroCode : kNoNumberCode;
-  // A power of two and the next have at most one start of a decade between them.
-  auto decade = static_cast<unsigned>(decade_of_power_of_two(static_cast<int>(magnitude >> 52) - 1023));
-  if (magnitude >= kStarts[decade + 1]) ++decade;
-  const double scaled = std::bit_cast<double>(magnitude) * kScales[decade];
-  auto mantissa = static_cast<unsigned>(static_cast<int>(scaled));
-  if (magnitude >= kBorders[decade][mantissa + 1 - kMinMantissa]) ++mantissa;
-  const auto sign = static_cast<Code>(-static_cast<int>(bits >> 63));
-  return static_cast<Code>(positive_code(decade, mantissa) ^ sign);
 }
 
 Code code_of_scaled(int64_t value, int scale) noexcept {

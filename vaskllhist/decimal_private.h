@@ -3,6 +3,7 @@
 #define VASKLLHIST_DECIMAL_PRIVATE_H
 
 #include <array>
+#include <bit>
 #include <cstdint>
 
 #include "vaskllhist/vaskllhist.h"
@@ -42,8 +43,44 @@ Code code_of(hist_bucket_t bucket) noexcept;
 hist_bucket_t bucket_of(Code code) noexcept;
 bool is_code(Code code) noexcept;
 
-// The code of the bin of a value, and of value * 10^scale.
-Code code_of_value(double value) noexcept;
+constexpr unsigned kDecades = kMaxExponent - kMinExponent + 1;
+constexpr unsigned kBins = kMaxMantissa - kMinMantissa + 1;
+
+// The lower borders of the positive bins of one exponent, as the bits of doubles: these order like integers, faster.
+// Behind the last comes the first border of the next decade.
+using Decade = std::array<uint64_t, kBins + 1>;
+extern const std::array<Decade, kDecades> kBorders;
+
+// The first border of each decade, and behind them the end of the last.
+extern const std::array<uint64_t, kDecades + 1> kStarts;
+
+// Brings the values of a decade to their mantissas. Made smaller by four roundings, so that the product is never above
+// a value's mantissa though possibly, close above a border, below it.
+extern const std::array<double, kDecades> kScales;
+
+// The decade that 2^`exponent` lies in, which is -1 for the power of two below the smallest border: the logarithm of 2
+// to 18 binary places, which is right for every exponent in range.
+constexpr int decade_of_power_of_two(int exponent) {
+  return (exponent * 78913 >> 18) - kMinExponent;
+}
+
+// The code of the bin of a value. In the header because counting spends most of its time here.
+inline Code code_of_value(double value) noexcept {
+  const auto bits = std::bit_cast<uint64_t>(value);
+  const uint64_t magnitude = bits << 1 >> 1;
+  if (magnitude - kStarts.front() >= kStarts.back() - kStarts.front())
+    return magnitude < kStarts.front() ? kZeroCode : kNoNumberCode;
+  // A power of two and the next have at most one start of a decade between them.
+  auto decade = static_cast<unsigned>(decade_of_power_of_two(static_cast<int>(magnitude >> 52) - 1023));
+  if (magnitude >= kStarts[decade + 1]) ++decade;
+  const double scaled = std::bit_cast<double>(magnitude) * kScales[decade];
+  auto mantissa = static_cast<unsigned>(static_cast<int>(scaled));
+  if (magnitude >= kBorders[decade][mantissa + 1 - kMinMantissa]) ++mantissa;
+  const auto sign = static_cast<Code>(-static_cast<int>(bits >> 63));
+  return static_cast<Code>(positive_code(decade, mantissa) ^ sign);
+}
+
+// The code of the bin of value * 10^scale.
 Code code_of_scaled(int64_t value, int scale) noexcept;
 
 // What stands for the values of a bucket: its middle. NaN for no number.
