@@ -2,22 +2,29 @@
 
 #include <bit>
 #include <limits>
+#include <utility>
 
 #include "vaskllhist/powers_private.h"
 
 namespace vaskllhist {
 namespace {
 
-constexpr std::array<Decade, kDecades> make_borders() {
-  std::array<Decade, kDecades> borders{};
-  for (unsigned decade = 0; decade < kDecades; ++decade) {
-    for (unsigned bin = 0; bin <= kBins; ++bin) {
-      const double border =
-          multiple_of_power(kMinMantissa + bin, static_cast<int>(decade) + kMinExponent - 1);
-      borders[decade][bin] = std::bit_cast<uint64_t>(border);
-    }
+constexpr Decade make_decade(unsigned decade) {
+  Decade borders{};
+  for (unsigned bin = 0; bin <= kBins; ++bin) {
+    const double border = multiple_of_power(kMinMantissa + bin, static_cast<int>(decade) + kMinExponent - 1);
+    borders[bin] = std::bit_cast<uint64_t>(border);
   }
   return borders;
+}
+
+// A constant for each decade: compilers limit how much work one may be.
+template <unsigned decade>
+constexpr Decade kDecade = make_decade(decade);
+
+template <unsigned... decades>
+constexpr std::array<Decade, kDecades> make_borders(std::integer_sequence<unsigned, decades...>) {
+  return {kDecade<decades>...};
 }
 
 constexpr std::array<uint64_t, kDecades + 1> make_starts() {
@@ -55,7 +62,8 @@ unsigned digits_of(uint64_t number) noexcept {
 
 }  // namespace
 
-constexpr std::array<Decade, kDecades> kBorders = make_borders();
+constexpr std::array<Decade, kDecades> kBorders =
+    make_borders(std::make_integer_sequence<unsigned, kDecades>());
 constexpr std::array<uint64_t, kDecades + 1> kStarts = make_starts();
 constexpr std::array<double, kDecades> kScales = make_scales();
 
