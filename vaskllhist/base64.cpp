@@ -1,7 +1,6 @@
 // The stored form as text: standard base64 with padding (RFC 4648, section 4).
 #include <array>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <new>
 #include <string_view>

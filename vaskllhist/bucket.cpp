@@ -5,8 +5,6 @@
 #include "vaskllhist/decimal_private.h"
 #include "vaskllhist/powers_private.h"
 
-using vaskllhist::Code;
-
 namespace {
 
 // The border on the side of zero, or the one away from it, as a positive number.

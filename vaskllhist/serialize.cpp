@@ -1,7 +1,4 @@
 // Writing and reading the stored form: doc/histogram.md.
-#include <cstring>
-#include <new>
-
 #include "vaskllhist/format_private.h"
 #include "vaskllhist/histogram_private.h"
 

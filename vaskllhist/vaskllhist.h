@@ -146,8 +146,8 @@ HIST_EXPORT void hist_remove_zeroes(histogram_t *h);
 HIST_EXPORT uint64_t hist_sample_count(const histogram_t *h);
 HIST_EXPORT uint64_t hist_number_count(const histogram_t *h);
 /* How many numbers lie in the buckets below, and above, the bucket of `value`. With hist_count_at of that bucket these
- * make hist_number_count. 0 when `value` belongs to the bin of no number, except for what is ordered: plus infinity
- * and everything from 1e128 lie above all numbers, minus infinity and everything to -1e128 below. */
+ * make hist_number_count. What is too large for a bucket, infinity included, lies above or below all numbers; below and
+ * above NaN there are none. */
 HIST_EXPORT uint64_t hist_count_below(const histogram_t *h, double value);
 HIST_EXPORT uint64_t hist_count_above(const histogram_t *h, double value);
 /* Count times midpoint, summed over the numbers; 0 without any. At most `number count` times half the widest bin in use

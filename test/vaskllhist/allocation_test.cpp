@@ -125,22 +125,23 @@ TEST(Allocation, WithoutMemoryNothingChanges) {
       {"serialize text", [&](auto *h) { return hist_serialize_b64(h, text.data(), text.size()); }, -1},
       {"quantiles", [&](auto *h) { return hist_quantiles(h, q.data(), 100, values.data()); }, HIST_E_MEMORY},
   };
-  for (const auto &[name, call, refusal] : cases) {
+  for (const auto &test : cases) {
+    SCOPED_TRACE(test.name);
     int refused = 0;
     for (bool succeeded = false; !succeeded && refused < 100;) {
       const Histogram h{{10, 0, 1}, {11, 0, 0}, {12, 0, 5}};
       const Entries before = h.entries();
       ssize_t result = 0;
-      with_memory_until(refused + 1, [&] { result = call(h.get()); });
+      with_memory_until(refused + 1, [&] { result = test.call(h.get()); });
       succeeded = result >= 0;
       if (succeeded) continue;
       ++refused;
-      EXPECT_EQ(result, refusal) << name;
-      EXPECT_EQ(h.entries(), before) << name;
-      EXPECT_FALSE(hist_is_difference(h.get())) << name;
+      EXPECT_EQ(result, test.refusal);
+      EXPECT_EQ(h.entries(), before);
+      EXPECT_FALSE(hist_is_difference(h.get()));
     }
-    EXPECT_GT(refused, 0) << name;
-    EXPECT_LT(refused, 100) << name;
+    EXPECT_GT(refused, 0);
+    EXPECT_LT(refused, 100);
   }
 }
 
