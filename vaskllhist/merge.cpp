@@ -127,11 +127,11 @@ bool all_within(const std::vector<int128> &counts, CountRange range) {
   return std::all_of(counts.begin(), counts.end(), [&](int128 count) { return range.holds(count); });
 }
 
+// `h` must have no lookup.
 void store_counts(histogram &h, const std::vector<int128> &counts, bool is_difference) {
   const CountRange range = CountRange::of(is_difference);
   for (size_t i = 0; i < counts.size(); ++i) h.counts[i] = range.clamped(counts[i]);
   h.is_difference = is_difference;
-  if (is_difference) h.lookup.reset();
 }
 
 int128 read_own(const histogram &source, uint64_t count) {
@@ -142,7 +142,7 @@ int128 read_signed(const histogram &, uint64_t count) {
   return read_count(count, true);
 }
 
-// A copy of the target that has a bucket for every code of the sources, too.
+// A copy of the target that has a bucket for every code of the sources, too, and no lookup.
 histogram with_buckets_of(const histogram &target, Sources sources) {
   histogram result;
   result.codes = target.codes;

@@ -210,6 +210,20 @@ TEST(Statistics, CountsMayBeAsLargeAsTheyGet) {
   EXPECT_EQ(values[3], 3.05);
 }
 
+TEST(Statistics, ATotalBeyond64BitsDoesNotWrap) {
+  Histogram h;
+  for (int i = 0; i < 8; ++i) hist_insert(h.get(), 1 + i, uint64_t{1} << 62);  // 2^65 together
+  const double q[] = {0, 0.125, 0.5, 0.51, 1};
+  double values[5];
+  ASSERT_EQ(hist_quantiles(h.get(), q, 5, values), 0);
+  EXPECT_EQ(values[0], 1.05);
+  EXPECT_EQ(values[1], 1.05);
+  EXPECT_EQ(values[2], 4.05);
+  EXPECT_EQ(values[3], 5.05);
+  EXPECT_EQ(values[4], 8.05);
+  EXPECT_EQ(hist_number_count(h.get()), UINT64_MAX);
+}
+
 TEST(Statistics, OfADifferenceLeaveNegativeCountsOut) {
   const Histogram h{{10, 0, 5}, {20, 0, 1}}, source{{10, 0, 1}, {20, 0, 3}};
   ASSERT_EQ(subtract(h, {source.get()}), 0);
