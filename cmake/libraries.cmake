@@ -8,6 +8,7 @@ pkg_check_modules(JSONC REQUIRED IMPORTED_TARGET json-c)
 pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
 pkg_check_modules(CK REQUIRED IMPORTED_TARGET ck)
 pkg_check_modules(XXHASH REQUIRED IMPORTED_TARGET libxxhash)
+pkg_check_modules(LZ4 REQUIRED IMPORTED_TARGET liblz4)
 pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
 
 # orlith_library(NAME SOURCES ... PUBLIC ... PRIVATE ...)

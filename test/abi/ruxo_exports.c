@@ -7,6 +7,7 @@
 #include "ruxo/hash.h"
 #include "ruxo/json.h"
 #include "ruxo/log.h"
+#include "ruxo/lz4f.h"
 #include "ruxo/memory.h"
 #include "ruxo/skiplist.h"
 #include "ruxo/util.h"
@@ -97,6 +98,25 @@ static void call_json_readers(void) {
   ruxo_json_free(o);
 }
 
+static void call_lz4f(void) {
+  static char frame[128 << 10];
+  void *out = NULL;
+  size_t len = 0;
+  CHECK(ruxo_lz4f_compress_bound(4) <= sizeof frame);
+  const size_t frame_len = ruxo_lz4f_compress("text", 4, frame, sizeof frame);
+  CHECK(frame_len > 4);
+  CHECK(ruxo_lz4f_decompress(frame, frame_len, 4, &out, &len) == RUXO_LZ4F_OK && len == 4);
+  CHECK(memcmp(out, "text", 4) == 0);
+  free(out);
+  ruxo_lz4f_stream_t *stream = ruxo_lz4f_stream_alloc(4);
+  CHECK(ruxo_lz4f_stream_write(stream, frame, frame_len) == RUXO_LZ4F_OK &&
+        ruxo_lz4f_stream_complete(stream));
+  CHECK(ruxo_lz4f_stream_finish(stream, &out, &len) == RUXO_LZ4F_OK && memcmp(out, "text", len) == 0);
+  free(out);
+  ruxo_lz4f_stream_free(stream);
+  CHECK_TEXT(ruxo_lz4f_status_text(RUXO_LZ4F_MAGIC), "not an LZ4 frame");
+}
+
 static void call_memory(void) {
   ruxo_memory_begin();
   CHECK(ruxo_memory_in_cs());
@@ -163,6 +183,7 @@ void call_ruxo_data(void) {
   call_hash();
   call_json_makers();
   call_json_readers();
+  call_lz4f();
   call_memory();
   call_skiplist();
   call_util_and_uuid();
