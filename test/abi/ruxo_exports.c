@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include "ruxo/b64.h"
+#include "ruxo/conf.h"
 #include "ruxo/eventer.h"
 #include "ruxo/hash.h"
 #include "ruxo/json.h"
@@ -22,6 +23,47 @@ static void call_b64(void) {
   CHECK(ruxo_b64_encode("any", 3, text, sizeof text) == 4 && memcmp(text, "YW55", 4) == 0);
   CHECK(ruxo_b64_max_decode_len(4) >= 3);
   CHECK(ruxo_b64_decode(text, 4, bytes, sizeof bytes) == 3 && memcmp(bytes, "any", 3) == 0);
+}
+
+static void call_conf_values(const ruxo_conf_node_t *a) {
+  int32_t i32 = 0;
+  int64_t i64 = 0;
+  uint64_t u64 = 0;
+  double number = 0;
+  ruxo_boolean flag = ruxo_false;
+  ruxo_uuid_t uuid;
+  char text[8];
+  CHECK(ruxo_conf_get_int32(a, "@n", &i32) == RUXO_CONF_FOUND && i32 == 7);
+  CHECK(ruxo_conf_get_int64(a, "@n", &i64) == RUXO_CONF_FOUND && i64 == 7);
+  CHECK(ruxo_conf_get_uint64(a, "@n", &u64) == RUXO_CONF_FOUND && u64 == 7);
+  CHECK(ruxo_conf_get_double(a, "@n", &number) == RUXO_CONF_FOUND && number == 7);
+  CHECK(ruxo_conf_get_boolean(a, "@on", &flag) == RUXO_CONF_FOUND && flag);
+  CHECK(ruxo_conf_get_uuid(a, "@id", uuid) == RUXO_CONF_FOUND && uuid[15] == 0x77);
+  CHECK(ruxo_conf_get_text(a, "@on", text, sizeof text) == RUXO_CONF_FOUND);
+  CHECK_TEXT(text, "yes");
+  char *copy = ruxo_conf_get_string(a, "@none", "default");
+  CHECK_TEXT(copy, "default");
+  free(copy);
+}
+
+static void call_conf(void) {
+  static const char file[] = "<a n='7' on='yes' id='1f846f26-0cfd-4df5-b4f1-e0930604e577'/>";
+  char name[4096];
+  char *err = NULL;
+  abi_write_file("conf.xml", file);
+  CHECK(ruxo_conf_load("conf.xml", &err) == 0 && err == NULL);
+  CHECK(ruxo_conf_config_filename(name, sizeof name) && strstr(name, "/conf.xml") != NULL);
+  ruxo_conf_list_t *list = ruxo_conf_list_new(NULL, "/a");
+  CHECK(ruxo_conf_list_size(list) == 1);
+  const ruxo_conf_node_t *a = ruxo_conf_list_at(list, 0);
+  CHECK_TEXT(ruxo_conf_node_name(a), "a");
+  CHECK_TEXT(ruxo_conf_node_file(a), name);
+  CHECK(ruxo_conf_node_line(a) == 1);
+  CHECK(ruxo_conf_load_text("<b/>", 4, "other.xml", NULL) == 0);
+  call_conf_values(a);
+  ruxo_conf_list_free(list);
+  ruxo_conf_unload();
+  CHECK(ruxo_conf_list_new(NULL, "/a") == NULL);
 }
 
 static int nothing_to_do(eventer_t e, int mask, void *closure, struct timeval *now) {
@@ -179,6 +221,7 @@ static void call_util_and_uuid(void) {
 
 void call_ruxo_data(void) {
   call_b64();
+  call_conf();
   call_eventer();
   call_hash();
   call_json_makers();
