@@ -4,10 +4,12 @@
  * other.
  *
  * Sections nest and are per thread; a thread registers itself on first use, and leaves its unfinished frees
- * to the others when it ends. Frees are carried out by later calls of any thread, in batches: no loop has to
- * run. At most a small batch a thread waits while no section is open for long; while one stays open, all that
- * is freed meanwhile waits. A forked child keeps the sections of the one thread that it has. All functions
- * may be called on any thread. A violated rule ("must") is fatal: one line on the error stream, then abort().
+ * to the others when it ends. No loop has to run: a block that no open section can see is freed by the call
+ * itself; one that has to wait, as the sections in its way close, by the thread that closes the last, even when
+ * the thread that asked never calls again. A section that stays open for long holds back all that is freed
+ * meanwhile, and at most what still waited as it was opened. A forked child keeps the sections of the one
+ * thread that it has. All functions may be called on any thread. A violated rule ("must") is fatal: one line on
+ * the error stream, then abort().
  */
 #ifndef RUXO_MEMORY_H
 #define RUXO_MEMORY_H
@@ -17,10 +19,11 @@
 RUXO_BEGIN_DECLS
 
 /* Opens a section of this thread, or one more inside it. Fatal when a first section finds no memory for the
- * thread's record (192 bytes). */
+ * thread's record (256 bytes). */
 RUXO_EXPORT void ruxo_memory_begin(void);
 
-/* Closes the innermost section, which must be open. Sections of a thread end with it at the latest. */
+/* Closes the innermost section, which must be open; the outermost may then free what waited for it. Sections of
+ * a thread end with it at the latest. */
 RUXO_EXPORT void ruxo_memory_end(void);
 
 /* Whether this thread is inside a section. */
