@@ -250,8 +250,8 @@ void read_temperatures(HostContext &context, Samples &samples) {
   for (const std::string &name : names) {
     if (!name.starts_with("thermal_zone")) continue;
     try {
-      ProcFile type(context.root, folder + "/" + name + "/type"),
-          value(context.root, folder + "/" + name + "/temp");
+      const std::string zone = fmt::format("{}/{}", folder, name);
+      ProcFile type(context.root, zone + "/type"), value(context.root, zone + "/temp");
       add(samples, "temperature",
           {{"sensor", type.single_line()},
            {"units", "millicelsius"},

@@ -2,6 +2,8 @@
 #ifndef ORLITH_INGEST_REFUSAL_H
 #define ORLITH_INGEST_REFUSAL_H
 
+#include <cstddef>
+#include <initializer_list>
 #include <optional>
 #include <string_view>
 
@@ -33,9 +35,9 @@ enum class Refusal {
 #undef INGEST_REFUSAL_ENUMERATOR
 };
 
-#define INGEST_REFUSAL_COUNT(name, text) +1
-constexpr size_t kRefusalCount = 0 INGEST_REFUSALS(INGEST_REFUSAL_COUNT);
-#undef INGEST_REFUSAL_COUNT
+#define INGEST_REFUSAL_VALUE(name, text) Refusal::name,
+constexpr size_t kRefusalCount = std::initializer_list<Refusal>{INGEST_REFUSALS(INGEST_REFUSAL_VALUE)}.size();
+#undef INGEST_REFUSAL_VALUE
 
 const char *refusal_name(Refusal refusal);
 const char *refusal_text(Refusal refusal);

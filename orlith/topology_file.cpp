@@ -41,7 +41,7 @@ class QuietErrorLog {
 
 std::string attribute_of(const xmlNode *element, const char *name) {
   xmlChar *value = xmlGetProp(element, reinterpret_cast<const xmlChar *>(name));
-  const std::string text = value == nullptr ? "" : reinterpret_cast<const char *>(value);
+  std::string text = value == nullptr ? "" : reinterpret_cast<const char *>(value);
   xmlFree(value);
   return text;
 }

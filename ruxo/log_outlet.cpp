@@ -194,7 +194,7 @@ ruxo_log_outlet_t keep(ruxo_log_outlet_t outlet) {
 }  // namespace
 
 void ruxo::write_stderr(std::string_view text) noexcept {
-  int ignored;
+  int ignored = 0;
   write_all_to_pipe(STDERR_FILENO, text, &ignored);
 }
 

@@ -184,19 +184,22 @@ static inline double metric_value_unsigned_change(const metric_value_t *v1, cons
   return (double)(int64_t)d;
 }
 
+/* Either is a double, or an unsigned 64-bit value stands beside a negative one: no integer type holds both. */
+static inline bool metric_value_change_needs_doubles(const metric_value_t *v1, const metric_value_t *v2) {
+  if (v1->type == ORLITH_METRIC_DOUBLE || v2->type == ORLITH_METRIC_DOUBLE) return true;
+  if ((v1->type == ORLITH_METRIC_UINT64) == (v2->type == ORLITH_METRIC_UINT64)) return false;
+  return metric_value_is_negative(v1) || metric_value_is_negative(v2);
+}
+
 static inline void calculate_change_inline(const metric_value_t *v1, const metric_value_t *v2, double *dy,
                                            int *dt) {
-  const bool wide1 = v1->type == ORLITH_METRIC_UINT64;
-  const bool wide2 = v2->type == ORLITH_METRIC_UINT64;
   *dt = (int)(int32_t)(uint32_t)(v2->whence_ms - v1->whence_ms);
   if (metric_value_has_no_change(v1) || metric_value_has_no_change(v2)) {
     *dy = calculate_change_undefined(v1, v2);
-  } else if (v1->type == ORLITH_METRIC_DOUBLE || v2->type == ORLITH_METRIC_DOUBLE) {
+  } else if (metric_value_change_needs_doubles(v1, v2)) {
     *dy = metric_value_double_change(v1, v2);
-  } else if (!wide1 && !wide2) {
+  } else if (v1->type != ORLITH_METRIC_UINT64 && v2->type != ORLITH_METRIC_UINT64) {
     *dy = metric_value_signed_change(v1, v2);
-  } else if (wide1 != wide2 && (metric_value_is_negative(v1) || metric_value_is_negative(v2))) {
-    *dy = metric_value_double_change(v1, v2);
   } else {
     *dy = metric_value_unsigned_change(v1, v2);
   }

@@ -39,7 +39,7 @@ using Array = std::unique_ptr<T[], Free>;
 // small ones.
 template <class T>
 Array<T> allocate(size_t count) {
-  const size_t bytes = count * sizeof(T);
+  const size_t bytes = count * sizeof(T);  // NOLINT(bugprone-sizeof-expression): some T are pointers
   void *memory = nullptr;
   if (bytes < kHugePageBytes) {
     memory = malloc(bytes);
