@@ -8,8 +8,8 @@
  * Who carries them out: the thread that asks, at once, when no section is open and nothing of its own waits;
  * else every 64 times. What an open section holds back is left to that section: the one that has been open
  * longest is told that it is in the way, and as it closes it frees what it can, of all threads, and tells the
- * next. (A section that closes in the very moment in which it is told may miss that until its thread's next
- * one; a later free finds another.)
+ * next. (A section that closes in the nanoseconds in which it is told may miss that, since closing it waits for
+ * no other processor; then its thread's next section, or a later free, makes up for it.)
  *
  * Locks are taken in this order: registry_lock, sweep_lock, a record's, the orphans'. */
 #include "ruxo/memory.h"
@@ -175,9 +175,8 @@ static unsigned reclaim(struct memory_record *record) {
   return left;
 }
 
-/* Leaves the frees that wait to the section that has been open longest: the last, of those now open, to be in the
- * way. False when none is open. */
-static bool leave_to_oldest_section(void) {
+/* The section that has been open longest: the last, of those now open, to be in the way. Null when none is. */
+static struct memory_record *oldest_section(void) {
   struct memory_record *oldest = NULL;
   unsigned oldest_epoch = 0;
   ck_stack_entry_t *entry;
@@ -189,9 +188,19 @@ static bool leave_to_oldest_section(void) {
     oldest = record;
     oldest_epoch = since;
   }
-  if (oldest == NULL) return false;
-  if (load(&oldest->in_the_way) == 0) store(&oldest->in_the_way, 1);
-  return true;
+  return oldest;
+}
+
+/* Leaves the frees that wait to a section in their way. False when none is open. */
+static bool leave_to_oldest_section(void) {
+  for (;;) {
+    struct memory_record *const oldest = oldest_section();
+    if (oldest == NULL) return false;
+    if (load(&oldest->in_the_way) == 0) store(&oldest->in_the_way, 1);
+    ck_pr_fence_memory();
+    if (ck_pr_load_uint(&oldest->section.active) != 0) return true;
+    /* It closed meanwhile, perhaps without having been told. */
+  }
 }
 
 static void sweep_all_records(void) {
