@@ -8,6 +8,7 @@
   X(topo_check)            \
   X(topo_show)             \
   X(topo_place)            \
+  X(topo_diff)             \
   X(nnt_info)              \
   X(nnt_dump)              \
   X(nnt_plot)              \

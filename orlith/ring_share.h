@@ -13,14 +13,9 @@ struct RingShare {
   double data = 0;   // of all copies together: what a node stores when names are spread evenly
 };
 
-// The shares of all nodes in document order; each column adds up to 1. Not an estimate: between two neighbouring
-// ring points, and points mirrored to the other half of the ring, where copies begin too, all locations have the same
-// owners, so that one placement for each such arc tells everything. Lengths are exact to 2^-120 of the space.
-// `on_progress` (may be empty) is called with the arcs done since its last call.
+// The shares of all nodes in document order; each column adds up to 1. Not an estimate: one placement for each arc of
+// the ring tells everything. `on_progress` (may be empty) is called with the arcs done since its last call.
 std::vector<RingShare> ring_shares(const topo_config &topology,
                                    const std::function<void(uint64_t)> &on_progress);
-
-// How many arcs that are, at most.
-uint64_t ring_arc_count(const topo_config &topology);
 
 #endif

@@ -2,12 +2,11 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
 
-#include "liborlith/util/metric_locator.h"
 #include "orlith/check_uuid.h"
+#include "orlith/cli.h"
+#include "orlith/locator.h"
 #include "orlith/table.h"
 #include "orlith/topology_file.h"
-#include "pobe/pobe.h"
-#include "ruxo/uuid.h"
 
 namespace {
 
@@ -15,30 +14,6 @@ struct Options {
   std::string file, check, name;
   int copies = 0;  // 0: all
 };
-
-struct Deref {
-  void operator()(orlith_metric_locator_t *locator) const { orlith_metric_locator_deref(locator); }
-};
-using Locator = std::unique_ptr<orlith_metric_locator_t, Deref>;
-
-// Why the name has no locator.
-std::string name_fault(const std::string &name) {
-  const ssize_t length = pobe_metric_canonicalize_ex(name.data(), name.size(), nullptr, 0, true, true, false);
-  if (length < 0) return pobe_error_text(length);
-  if (length > ORLITH_METRIC_LOCATOR_MAX_NAME)
-    return fmt::format("its canonical form has {} bytes, expected at most {}", length,
-                       ORLITH_METRIC_LOCATOR_MAX_NAME);
-  return "its tags are refused (the categories __name, __type, __activity and __check_uuid are reserved)";
-}
-
-Locator make_locator(const Options &options, const std::string &uuid) {
-  ruxo_uuid_t bytes;
-  ruxo_uuid_parse(uuid.c_str(), bytes);
-  mem_reader_t name{};
-  name.input_buffer = reinterpret_cast<const uint8_t *>(options.name.data());
-  name.input_buffer_size = options.name.size();
-  return Locator(orlith_metric_locator_create(bytes, &name, METRIC_TYPE_NUMERIC));
-}
 
 Table owner_table(const topo_config &topology, const orlith_metric_locator_t *locator, int copies) {
   host_config *owners[TOPO_MAX_COPIES];
@@ -82,12 +57,14 @@ int run(const Options &options, Session &session) {
   int code = exit_fine;
   const Topology topology = load_topology(options.file, &code, session);
   if (topology == nullptr) return code;
-  if (const Locator locator = make_locator(options, uuid)) {
-    print_placement(options, uuid, *topology, locator.get(), session);
-    return exit_fine;
+  std::string fault;
+  const Locator locator = make_locator(uuid, options.name, &fault);
+  if (locator == nullptr) {
+    session.error(fmt::format("the name {} is refused: {}", in_quotes(options.name), fault));
+    return exit_damaged;
   }
-  session.error(fmt::format("the name {} is refused: {}", in_quotes(options.name), name_fault(options.name)));
-  return exit_damaged;
+  print_placement(options, uuid, *topology, locator.get(), session);
+  return exit_fine;
 }
 
 Run configure(CLI::App &app) {

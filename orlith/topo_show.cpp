@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "orlith/progress.h"
+#include "orlith/ring_arcs.h"
 #include "orlith/ring_share.h"
 #include "orlith/table.h"
 #include "orlith/topology_file.h"
@@ -22,7 +23,8 @@ Cell share_cell(double share) {
 }
 
 Table node_table(const topo_config &topology, Session &session) {
-  Progress progress(session, "measuring the ring", ring_arc_count(topology), Progress::items, "arcs");
+  const topo_config *const topologies[] = {&topology};
+  Progress progress(session, "measuring the ring", ring_arc_count(topologies), Progress::items, "arcs");
   const std::vector<RingShare> shares = ring_shares(topology, [&](uint64_t arcs) { progress.advance(arcs); });
   progress.finish();
   Table table({{"id", "node"},

@@ -8,6 +8,7 @@
 #include <map>
 #include <random>
 
+#include "orlith/ring_moves.h"
 #include "orlith/ring_share.h"
 #include "orlith/topology_file.h"
 #include "test/orlith/tool_fixture.h"
@@ -160,6 +161,70 @@ TEST(RingShares, WholeCopiesOnEveryNodeShareEvenly) {
   const auto shares = ring_shares(*topology, {});
   EXPECT_DOUBLE_EQ(shares[0].data, 0.5);  // two copies on two nodes: weights do not matter
   EXPECT_DOUBLE_EQ(shares[1].data, 0.5);
+}
+
+TEST(RingMoves, AgreeWithManyRandomLocationsPlacedByAModel) {
+  constexpr unsigned seed = 20231115;
+  SCOPED_TRACE(seed);
+  std::mt19937_64 random(seed);
+  const std::vector<RingCase> cases = ring_cases();
+  for (const RingCase &before_case : cases)
+    for (const RingCase &after_case : cases) {
+      ToolSession tool;
+      const Topology before =
+          compile_topology(document(before_case.nodes, before_case.copies), "before", tool.session);
+      const Topology after =
+          compile_topology(document(after_case.nodes, after_case.copies), "after", tool.session);
+      const auto before_ring = ring_model(before_case.nodes), after_ring = ring_model(after_case.nodes);
+      std::map<CopyMove, int> counts;
+      constexpr int samples = 20000;
+      for (int i = 0; i < samples; ++i) {
+        Location location;
+        for (uint8_t &byte : location) byte = static_cast<uint8_t>(random());
+        std::vector<CopyMove> expected;
+        const auto ids = [&](const RingCase &c, const auto &ring) {
+          std::vector<std::string> owners;
+          for (const size_t n : owners_model(ring, c.nodes[0].side != ' ', location, c.copies))
+            owners.push_back(c.nodes[n].id);
+          return owners;
+        };
+        const auto lacking = [](const std::vector<std::string> &a, const std::vector<std::string> &b) {
+          std::vector<std::string> rest;
+          for (const std::string &id : a)
+            if (std::find(b.begin(), b.end(), id) == b.end()) rest.push_back(id);
+          return rest;
+        };
+        const auto old_ids = ids(before_case, before_ring), new_ids = ids(after_case, after_ring);
+        auto losers = lacking(old_ids, new_ids), gainers = lacking(new_ids, old_ids);
+        const size_t count = std::max(losers.size(), gainers.size());
+        losers.resize(count);
+        gainers.resize(count);
+        for (size_t m = 0; m < count; ++m) expected.push_back({losers[m], gainers[m]});
+        ASSERT_EQ(moves_at(*before, *after, location.data()), expected);
+        for (const CopyMove &move : expected) ++counts[move];
+      }
+      const auto moves = ring_moves(*before, *after, {});
+      for (const MoveShare &entry : moves) {
+        // Five standard deviations of a share measured with so many samples.
+        EXPECT_NEAR(entry.share, static_cast<double>(counts[entry.move]) / samples, 0.018);
+        counts.erase(entry.move);
+      }
+      EXPECT_TRUE(counts.empty()) << counts.begin()->first.from << " to " << counts.begin()->first.to;
+    }
+}
+
+TEST(RingMoves, ANewNodeGetsItsShareAndNobodyElseMoves) {
+  ToolSession tool;
+  std::vector<NodeModel> nodes = {{id_of(0), 20, ' '}, {id_of(1), 20, ' '}, {id_of(2), 20, ' '}};
+  const Topology before = compile_topology(document(nodes, 1), "before", tool.session);
+  nodes.push_back({id_of(3), 20, ' '});
+  const Topology after = compile_topology(document(nodes, 1), "after", tool.session);
+  double moved = 0;
+  for (const MoveShare &entry : ring_moves(*before, *after, {})) {
+    EXPECT_EQ(entry.move.to, id_of(3));
+    moved += entry.share;
+  }
+  EXPECT_NEAR(moved, ring_shares(*after, {})[3].first, 1e-15);
 }
 
 // ---- the commands ----
@@ -389,6 +454,70 @@ TEST(TopoPlace, RefusesABadUuidAndBadCopies) {
     EXPECT_EQ(other.run({"topo", "place", cluster_path, check, "cpu", "--copies", copies}), exit_usage)
         << copies;
   }
+}
+
+// The four nodes of cluster.xml without the last one.
+std::string without_last_node() {
+  return document({{"1f846f26-0cfd-4df5-b4f1-e0930604e577", 32, ' '},
+                   {"765ac4cc-1929-4642-9ef1-d194d08f9538", 32, ' '},
+                   {"8c2fc7b8-c569-402d-a393-db433fb267aa", 32, ' '}},
+                  2);
+}
+
+TEST(TopoDiff, SaysThatNothingMovesBetweenEqualTopologies) {
+  ToolSession tool;
+  EXPECT_EQ(tool.run({"topo", "diff", cluster_path, cluster_path}), exit_fine);
+  const std::string signature = "a2ed91a62cf886f6d020f9af0f179c286a26962efae62df964cba3435ff0d140";
+  EXPECT_EQ(tool.out.text,
+            "before  " + signature + "\nafter   " + signature + "\nmoving  0.000% of the data\n");
+}
+
+TEST(TopoDiff, ShowsWhoTakesOverFromANodeThatLeaves) {
+  const TempDir folder;
+  const std::string after = folder.write("after.xml", without_last_node());
+  ToolSession tool;
+  EXPECT_EQ(tool.run({"topo", "diff", "--json", cluster_path, after}), exit_fine);
+  ruxo_json_object *parsed = ruxo_json_parse(tool.out.text.c_str());
+  ASSERT_NE(parsed, nullptr);
+  const ruxo_json_object *moves = ruxo_json_object_get(parsed, "moves", nullptr);
+  double from_the_leaver = 0;
+  for (size_t i = 0; i < ruxo_json_array_length(moves); ++i) {
+    const ruxo_json_object *move = ruxo_json_array_get(moves, i);
+    if (ruxo_json_string(ruxo_json_object_get(move, "from", nullptr), nullptr) ==
+        std::string("07fa2237-5744-4c28-a622-a99cfc1ac87e"))
+      from_the_leaver += ruxo_json_double(ruxo_json_object_get(move, "data_share", nullptr));
+  }
+  ruxo_json_free(parsed);
+  int code = exit_fine;
+  const Topology before = load_topology(cluster_path, &code, tool.session);
+  EXPECT_NEAR(from_the_leaver, ring_shares(*before, {})[3].data, 1e-12);
+}
+
+TEST(TopoDiff, TellsWhichMetricsMoveAndRefusesWhatIsNoKey) {
+  const TempDir folder;
+  const std::string after = folder.write("after.xml", without_last_node());
+  std::string keys;
+  for (int i = 0; i < 50; ++i) keys += check + ("-metric" + std::to_string(i)) + "\n";
+  const std::string list = folder.write("keys", keys + "nonsense\n\n" + check + "-a|ST[b]\n");
+  ToolSession tool;
+  EXPECT_EQ(tool.run({"topo", "diff", cluster_path, after, "--metrics", list}), exit_damaged);
+  EXPECT_EQ(tool.err.text, "orlith topo diff: warning: " + list +
+                               ": line 51: found 'nonsense', expected a key as in UUID-NAME\n");
+  int code = exit_fine;
+  const Topology before_topology = load_topology(cluster_path, &code, tool.session);
+  const Topology after_topology = compile_topology(without_last_node(), "after", tool.session);
+  int moving = 0;
+  for (int i = 0; i < 50; ++i) {
+    const std::string key = check + ("-metric" + std::to_string(i));
+    Location location;
+    SHA256(reinterpret_cast<const uint8_t *>(key.data()), key.size(), location.data());
+    const auto moves = moves_at(*before_topology, *after_topology, location.data());
+    if (!moves.empty()) ++moving;
+    for (const CopyMove &move : moves)
+      EXPECT_THAT(tool.out.text, testing::ContainsRegex(key + " +" + move.from + " " + move.to));
+  }
+  EXPECT_GT(moving, 5);
+  EXPECT_THAT(tool.out.text, HasSubstr(fmt::format("\nmetrics 50, moving {}, refused 2\n", moving)));
 }
 
 }  // namespace
