@@ -1,6 +1,7 @@
 /* The identity of one metric stream: the check it belongs to, its canonical name with stream tags, its
- * account and type set, and the 32-byte hash that places it on the cluster. See doc/metric-locator.md for the
- * key, the hash, the JSON form and the path form.
+ * account and type set, and the 32-byte hash that places it on the cluster. With it goes what is known of the
+ * stream at run time: when it was active. See doc/metric-locator.md for the key, the hash, the JSON form and
+ * the path form.
  *
  * Conventions of this header. A locator is shared by reference count: a function that returns a locator hands
  * over one reference (orlith_metric_locator_deref gives it back), a function that takes one borrows it. Null
@@ -13,6 +14,7 @@
 
 #include "liborlith/liborlith_init.h" /* orlith_metric_locator_lib_init */
 #include "liborlith/util/mem_reader.h"
+#include "liborlith/util/oil.h"
 #include "pobe/pobe.h"
 #include "ruxo/base.h"
 #include "ruxo/json.h"
@@ -179,6 +181,54 @@ RUXO_EXPORT size_t orlith_metric_locator_b64_path(const orlith_metric_locator_t 
  * invalid, when the name is empty, or when it is refused (logged). */
 RUXO_EXPORT orlith_metric_locator_t *orlith_metric_locator_from_b64_path(const char *uuid_str,
                                                                          const char *b64path);
+
+/* ---- Activity: in which periods the stream was active ----
+ * Times are seconds since the Unix epoch; a time t belongs to the period t / 300. Periods are numbered in 32
+ * bits: a time later than 1288490188799 has none. The locator holds its periods in an interval list, null
+ * until the first one is recorded, which the locator's activity lock guards (many shared holders or one
+ * exclusive holder; neither recursive nor fair, to be held briefly). The functions below take that lock
+ * themselves unless they say otherwise, so they must not be called while holding it. Any thread. */
+
+/* Times before `seconds` (0 at the start) count as active: what the host does not know it must not deny. For
+ * all locators; set at start-up. */
+RUXO_EXPORT void orlith_metric_locator_set_global_active_before(uint64_t seconds);
+
+/* Records that the stream was active at the time `t`. 1 if this changed the list, else 0. Period 0 (the first
+ * five minutes of 1970) and times without a period are not recorded. */
+RUXO_EXPORT int orlith_metric_locator_record_activity(orlith_metric_locator_t *loc, uint64_t t);
+/* Whether the stream was active at any time from `start` to `end`, by whole periods: 1 or 0. In this order:
+ * 0 for a null locator, 1 for start = end = 0, 0 for start > end, 1 for a start before the global limit above,
+ * and then what the list says; without one, 0. */
+RUXO_EXPORT int orlith_metric_locator_was_active(orlith_metric_locator_t *loc, uint64_t start, uint64_t end);
+/* Whether it was active within the last 24 hours; false for a null locator and for one without a list. */
+RUXO_EXPORT ruxo_boolean orlith_metric_locator_is_active(orlith_metric_locator_t *loc);
+
+/* Replaces the activity by a copy of `src` (null: none), which is only read. The locator's own list changes
+ * nothing. */
+RUXO_EXPORT void orlith_metric_locator_set_activity(orlith_metric_locator_t *loc, oil_list_t *src);
+/* Replaces the activity by what a JSON array tells: each element that is an array of two integers is an
+ * interval, [start, end] in seconds, both included; other elements are skipped, and so are intervals that are
+ * reversed, lie within the first five minutes of 1970, or have an end without a period. Returns 1; 0, changing
+ * nothing, when `json` is no array. `json` is only read. */
+RUXO_EXPORT int orlith_metric_locator_set_activity_from_json(orlith_metric_locator_t *loc,
+                                                             const ruxo_json_object *json);
+/* Adds the intervals of `src`, which is only read. 1 if that changed the locator's list; else 0, as for null
+ * and for the locator's own list. */
+RUXO_EXPORT int orlith_metric_locator_merge_oil(orlith_metric_locator_t *loc, oil_list_t *src);
+
+/* The locator's list, or null; borrowed. Takes no lock: the caller holds the shared or the exclusive lock, and
+ * the list lives until it is released. */
+RUXO_EXPORT oil_list_t *orlith_metric_locator_get_activity(orlith_metric_locator_t *loc);
+/* A copy, which the caller frees with oil_free(); an empty list where there is none. */
+RUXO_EXPORT oil_list_t *orlith_metric_locator_get_activity_clone(orlith_metric_locator_t *loc);
+/* Writes the list with oil_dump(). */
+RUXO_EXPORT void orlith_metric_locator_oil_dump(orlith_metric_locator_t *loc);
+
+/* The activity lock itself, exclusive and shared. */
+RUXO_EXPORT void orlith_metric_locator_oil_lock(orlith_metric_locator_t *loc);
+RUXO_EXPORT void orlith_metric_locator_oil_unlock(orlith_metric_locator_t *loc);
+RUXO_EXPORT void orlith_metric_locator_oil_shared_lock(orlith_metric_locator_t *loc);
+RUXO_EXPORT void orlith_metric_locator_oil_shared_unlock(orlith_metric_locator_t *loc);
 
 RUXO_END_DECLS
 

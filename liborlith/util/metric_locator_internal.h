@@ -1,5 +1,5 @@
-// The structure behind a metric locator, its last values, and the lock word that guards its activity
-// intervals.
+// The structure behind a metric locator, its last values, and the two locks that guard its activity intervals
+// and its last values.
 #ifndef LIBORLITH_UTIL_METRIC_LOCATOR_INTERNAL_H
 #define LIBORLITH_UTIL_METRIC_LOCATOR_INTERNAL_H
 
@@ -11,6 +11,7 @@
 
 #include "liborlith/util/metric_locator.h"
 #include "liborlith/util/oil.h"
+#include "liborlith/util/oil_lock_private.h"  // pl_relax
 
 // A numeric value as the last two are kept; which member holds it is told by the type code beside it.
 union orlith_metric_locator_numeric_value_t {
@@ -22,6 +23,8 @@ union orlith_metric_locator_numeric_value_t {
 };
 
 // Last values: allocated zero-filled (calloc) on first use, owned by the locator, freed by its final deref.
+// A holder's fields change under last_update_lock only. Times never decrease, and are read without the lock by
+// updates that may be stale: they and the pointers to the holders are stored and read as atomic words.
 
 struct last_two_numeric_t {
   uint64_t whence_ms[2];  // [0] the older value, [1] the newer one
@@ -82,7 +85,7 @@ inline void subtract(int32_t *word, uint32_t amount) noexcept {
   __atomic_fetch_sub(word, static_cast<int32_t>(amount), __ATOMIC_ACQ_REL);
 }
 inline void wait_until_clear(const int32_t *word, uint32_t mask) noexcept {
-  while ((load(word) & mask) != 0) ck_pr_stall();
+  for (unsigned rounds = 0; (load(word) & mask) != 0;) liborlith::pl_relax(rounds);
 }
 
 inline void lock_shared(int32_t *word) noexcept {
@@ -103,7 +106,7 @@ inline void lock_exclusive(int32_t *word) noexcept {
     wait_until_clear(word, kAnnouncedBits);
   }
   if (before == 0) return;
-  while (load(word) != kExclusive) ck_pr_stall();
+  for (unsigned rounds = 0; load(word) != kExclusive;) liborlith::pl_relax(rounds);
 }
 inline void unlock_exclusive(int32_t *word) noexcept {
   subtract(word, kExclusive);

@@ -84,6 +84,33 @@ static void call_shared_parts(void) {
   CHECK(released == 1);
 }
 
+static void call_activity(orlith_metric_locator_t *loc) {
+  CHECK(orlith_metric_locator_record_activity(loc, 600) == 1);
+  CHECK(orlith_metric_locator_was_active(loc, 600, 601) == 1);
+  CHECK(!orlith_metric_locator_is_active(loc));
+  orlith_metric_locator_set_global_active_before(500);
+  CHECK(orlith_metric_locator_was_active(loc, 1, 2) == 1);
+  orlith_metric_locator_set_global_active_before(0);
+
+  orlith_metric_locator_oil_shared_lock(loc);
+  CHECK(oil_find(orlith_metric_locator_get_activity(loc), 2, NULL) == 1);
+  orlith_metric_locator_oil_shared_unlock(loc);
+  oil_list_t *copy = orlith_metric_locator_get_activity_clone(loc);
+  CHECK(oil_size(copy) == 1);
+  orlith_metric_locator_set_activity(loc, NULL);
+  CHECK(orlith_metric_locator_merge_oil(loc, copy) == 1);
+  oil_free(copy);
+  orlith_metric_locator_oil_dump(loc);
+
+  ruxo_json_object *json = ruxo_json_parse("[[0, 600]]");
+  CHECK(orlith_metric_locator_set_activity_from_json(loc, json) == 1);
+  ruxo_json_free(json);
+  orlith_metric_locator_oil_lock(loc);
+  CHECK(oil_find(orlith_metric_locator_get_activity(loc), 1, NULL) == 1);
+  orlith_metric_locator_oil_unlock(loc);
+  orlith_metric_locator_set_activity(loc, NULL);
+}
+
 void call_metric_locator(void) {
   orlith_metric_locator_lib_init();
   CHECK(ml_debug_ls == ruxo_debug && ml_error_ls == ruxo_error);
@@ -93,6 +120,7 @@ void call_metric_locator(void) {
   call_accessors(loc);
   call_setters(loc);
   call_texts(loc);
+  call_activity(loc);
 
   oil_list_t *activity = oil_alloc();
   oil_put(activity, 1, 2);
