@@ -1,7 +1,7 @@
 /* The identity of one metric stream: the check it belongs to, its canonical name with stream tags, its
  * account and type set, and the 32-byte hash that places it on the cluster. With it goes what is known of the
- * stream at run time: when it was active. See doc/metric-locator.md for the key, the hash, the JSON form and
- * the path form.
+ * stream at run time: when it was active, and its last values. See doc/metric-locator.md for the key, the
+ * hash, the JSON form and the path form, and for the rules of activity and last values.
  *
  * Conventions of this header. A locator is shared by reference count: a function that returns a locator hands
  * over one reference (orlith_metric_locator_deref gives it back), a function that takes one borrows it. Null
@@ -38,6 +38,16 @@ enum orlith_metric_locator_metric_type {
   METRIC_TYPE_TEXT = 4,
   METRIC_TYPE_ANY = 65535
 };
+
+/* A numeric value; which member holds it is told by the type code that goes with it. Stored and copied here, all
+ * eight bytes, and never interpreted. */
+typedef union orlith_metric_locator_numeric_value {
+  int32_t v_int32;
+  uint32_t v_uint32;
+  int64_t v_int64;
+  uint64_t v_uint64;
+  double v_double;
+} orlith_metric_locator_numeric_value_t;
 
 /* Owned by the host's metric database: stored and copied here, never interpreted. */
 typedef uint8_t metrics_db_egress_function_e;
@@ -229,6 +239,62 @@ RUXO_EXPORT void orlith_metric_locator_oil_lock(orlith_metric_locator_t *loc);
 RUXO_EXPORT void orlith_metric_locator_oil_unlock(orlith_metric_locator_t *loc);
 RUXO_EXPORT void orlith_metric_locator_oil_shared_lock(orlith_metric_locator_t *loc);
 RUXO_EXPORT void orlith_metric_locator_oil_shared_unlock(orlith_metric_locator_t *loc);
+
+/* ---- Last values: the last two numbers, the last text, the last histogram ----
+ * Each kind is kept in a holder that the first update of that kind makes, if the caller asks for it
+ * (`instantiate`) or the process always does (implicit_latest); other first updates are dropped. A new holder
+ * holds nothing, of time 0. Times are milliseconds since the Unix epoch (`whence_ms`); an update that is not
+ * later than what is held changes nothing, and is found out without a lock. Updates and readers may run on any
+ * number of threads. When memory runs out an update is dropped. */
+
+/* Numeric updates later than `ms` are ignored; no limit at the start. For all locators; set at start-up. */
+RUXO_EXPORT void orlith_metric_locator_set_global_future_bound(uint64_t ms);
+/* Whether first updates make a holder unasked; false at the start. For all locators; set at start-up. */
+RUXO_EXPORT void orlith_metric_locator_set_global_implicit_latest(ruxo_boolean implicit_latest);
+
+/* Keeps the numbers of the two latest distinct times: a later one becomes the newer value, one between the two
+ * replaces the older value, and one that is as old as the newer value or no later than the older is dropped.
+ * `v` is copied. */
+RUXO_EXPORT void orlith_metric_locator_update_numeric(orlith_metric_locator_t *loc, uint64_t whence_ms,
+                                                      uint8_t type,
+                                                      const orlith_metric_locator_numeric_value_t *v,
+                                                      ruxo_boolean instantiate);
+/* Writes time, type and value of the older [0] and the newer number [1], zeros where there is none yet, and
+ * returns 1; or 0 without a holder, writing nothing. */
+RUXO_EXPORT int orlith_metric_locator_last2_numeric(orlith_metric_locator_t *loc, uint64_t whence_ms[2],
+                                                    uint8_t type[2],
+                                                    orlith_metric_locator_numeric_value_t value[2]);
+/* Orders the most recently updated first, by the newer time and then by the older: -1 if `a` comes first, 1 if
+ * `b` does, 0 if neither. A locator without numbers comes after those with. Both times of both locators are of
+ * one moment. */
+RUXO_EXPORT int orlith_metric_locator_compare_last2_numeric(orlith_metric_locator_t *a,
+                                                            orlith_metric_locator_t *b);
+
+/* Keeps a copy of the text, which may be null, if it is later than the one held. */
+RUXO_EXPORT void orlith_metric_locator_update_text(orlith_metric_locator_t *loc, uint64_t whence_ms,
+                                                   const char *text, ruxo_boolean instantiate);
+/* Writes the text's time and the text, and returns 1; or 0 without a holder, writing nothing. The text may be
+ * null; it is borrowed until the caller leaves its reclamation section (ruxo/memory.h), outside of which
+ * reading a text that is there is fatal. */
+RUXO_EXPORT int orlith_metric_locator_last_text(orlith_metric_locator_t *loc, uint64_t *whence_ms,
+                                                const char **text);
+
+/* The same for a histogram in its base64 form, which is kept as it is. */
+RUXO_EXPORT void orlith_metric_locator_update_hist(orlith_metric_locator_t *loc, uint64_t whence_ms,
+                                                   const char *b64, ruxo_boolean instantiate);
+/* As orlith_metric_locator_update_hist, and reports each step to `stream` (may be null) instead of
+ * ml_debug_ls. */
+RUXO_EXPORT void orlith_metric_locator_update_hist_withstream(orlith_metric_locator_t *loc,
+                                                              uint64_t whence_ms, const char *b64,
+                                                              ruxo_boolean instantiate,
+                                                              ruxo_log_stream_t stream);
+/* As orlith_metric_locator_last_text; where there is no holder a line goes to ml_debug_ls too. */
+RUXO_EXPORT int orlith_metric_locator_last_hist_b64(orlith_metric_locator_t *loc, uint64_t *whence_ms,
+                                                    const char **b64);
+
+/* The kinds that the locator's type includes and that have no holder yet, as METRIC_TYPE_ bits. */
+RUXO_EXPORT orlith_metric_locator_metric_type_e
+orlith_metric_locator_last_missing(const orlith_metric_locator_t *loc);
 
 RUXO_END_DECLS
 

@@ -13,15 +13,6 @@
 #include "liborlith/util/oil.h"
 #include "liborlith/util/oil_lock_private.h"  // pl_relax
 
-// A numeric value as the last two are kept; which member holds it is told by the type code beside it.
-union orlith_metric_locator_numeric_value_t {
-  int32_t v_int32;
-  uint32_t v_uint32;
-  int64_t v_int64;
-  uint64_t v_uint64;
-  double v_double;
-};
-
 // Last values: allocated zero-filled (calloc) on first use, owned by the locator, freed by its final deref.
 // A holder's fields change under last_update_lock only. Times never decrease, and are read without the lock by
 // updates that may be stale: they and the pointers to the holders are stored and read as atomic words.
@@ -135,5 +126,36 @@ class ExclusiveGuard {
 };
 
 }  // namespace activity_lock
+
+// The last-value lock: a fetch-and-store spin lock, 1 while held. The word and the protocol are those of the type's
+// own functions, whose assembly the thread sanitizer cannot see. Held for a few stores, never while allocating.
+namespace last_update_lock {
+
+inline bool try_lock(ck_spinlock_fas_t *lock) noexcept {
+  return __atomic_exchange_n(&lock->value, 1U, __ATOMIC_ACQUIRE) != 1;
+}
+inline void wait_until_free(const ck_spinlock_fas_t *lock) noexcept {
+  for (unsigned rounds = 0; __atomic_load_n(&lock->value, __ATOMIC_RELAXED) == 1;)
+    liborlith::pl_relax(rounds);
+}
+inline void lock(ck_spinlock_fas_t *lock) noexcept {
+  while (__builtin_expect(!try_lock(lock), 0)) wait_until_free(lock);
+}
+inline void unlock(ck_spinlock_fas_t *lock) noexcept {
+  __atomic_store_n(&lock->value, 0U, __ATOMIC_RELEASE);
+}
+
+class Guard {
+ public:
+  explicit Guard(ck_spinlock_fas_t *lock) noexcept : lock_(lock) { last_update_lock::lock(lock_); }
+  ~Guard() { unlock(lock_); }
+  Guard(const Guard &) = delete;
+  Guard &operator=(const Guard &) = delete;
+
+ private:
+  ck_spinlock_fas_t *lock_;
+};
+
+}  // namespace last_update_lock
 
 #endif

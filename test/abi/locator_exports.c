@@ -1,5 +1,6 @@
 #include "liborlith/util/metric_locator.h"
 #include "liborlith/util/oil.h"
+#include "ruxo/memory.h"
 #include "ruxo/uuid.h"
 #include "test/abi/abi_checks.h"
 
@@ -111,6 +112,35 @@ static void call_activity(orlith_metric_locator_t *loc) {
   orlith_metric_locator_set_activity(loc, NULL);
 }
 
+static void call_last_values(orlith_metric_locator_t *loc) {
+  orlith_metric_locator_numeric_value_t value[2] = {{0}, {0}};
+  uint64_t whence_ms[2] = {0, 0};
+  uint8_t type[2] = {0, 0};
+  const char *text = NULL;
+  orlith_metric_locator_set_type(loc, METRIC_TYPE_ANY);
+  CHECK(orlith_metric_locator_last_missing(loc) == 7);
+  value[0].v_int32 = 5;
+  orlith_metric_locator_set_global_future_bound(1000);
+  orlith_metric_locator_update_numeric(loc, 10, 'i', value, ruxo_true);
+  orlith_metric_locator_update_numeric(loc, 1001, 'i', value, ruxo_true);
+  CHECK(orlith_metric_locator_last2_numeric(loc, whence_ms, type, value) == 1);
+  CHECK(whence_ms[1] == 10 && type[1] == 'i' && value[1].v_int32 == 5);
+  CHECK(orlith_metric_locator_compare_last2_numeric(loc, loc) == 0);
+
+  ruxo_memory_begin();
+  orlith_metric_locator_update_text(loc, 11, "up", ruxo_true);
+  CHECK(orlith_metric_locator_last_text(loc, whence_ms, &text) == 1 && whence_ms[0] == 11);
+  CHECK_TEXT(text, "up");
+  orlith_metric_locator_set_global_implicit_latest(ruxo_true);
+  orlith_metric_locator_update_hist(loc, 12, "AAA=", ruxo_false);
+  orlith_metric_locator_set_global_implicit_latest(ruxo_false);
+  orlith_metric_locator_update_hist_withstream(loc, 13, "AAEA", ruxo_false, NULL);
+  CHECK(orlith_metric_locator_last_hist_b64(loc, whence_ms, &text) == 1 && whence_ms[0] == 13);
+  CHECK_TEXT(text, "AAEA");
+  ruxo_memory_end();
+  CHECK(orlith_metric_locator_last_missing(loc) == 0);
+}
+
 void call_metric_locator(void) {
   orlith_metric_locator_lib_init();
   CHECK(ml_debug_ls == ruxo_debug && ml_error_ls == ruxo_error);
@@ -121,6 +151,7 @@ void call_metric_locator(void) {
   call_setters(loc);
   call_texts(loc);
   call_activity(loc);
+  call_last_values(loc);
 
   oil_list_t *activity = oil_alloc();
   oil_put(activity, 1, 2);
