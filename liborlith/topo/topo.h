@@ -10,8 +10,9 @@
  *   - `host_config **loc` receives pointers into the topology: they live as long as it does, nobody frees them;
  *   - `char **err` may be null; otherwise it is set to null first, and on failure to a message to free();
  *   - a compiled topology is only read, so placement and queries run on any number of threads without locks;
- *     whoever calls keeps the topology alive. The functions that change what is active, and host_activate, are
- *     for one control thread;
+ *     whoever calls keeps the topology alive. The functions that change what is active are for one control thread;
+ *     what placement sees of a change may be a moment old, never half of it. Node states, addresses and ports may
+ *     change on any thread;
  *   - a broken invariant (more copies than there are eligible nodes, say) stops the process with a line that
  *     begins "[FATAL]". */
 #ifndef LIBORLITH_TOPO_H
@@ -96,7 +97,8 @@ typedef struct fast_search_hints_t {
   int32_t upper;
 } fast_search_hints_t;
 
-/* A compiled topology. Only the counts, reads_allowed and ca_chain change after compilation. */
+/* A compiled topology. Only the counts, reads_allowed and ca_chain change after compilation, and of its nodes the
+ * state, the address and the ports. */
 struct topo_config {
   uint8_t signature[TOPO_HASH_SIZE];
   char hex_signature[TOPO_HASH_HEX_SIZE];
@@ -281,8 +283,23 @@ RUXO_EXPORT int topo_activate_next(topo_config *conf);
 /* Completes the move: next becomes active; the former active one stays retained. 0; -1 without a move. May
  * exit. */
 RUXO_EXPORT int topo_transition(void);
-/* Sets one node's state, keeps the counts, and opens reads once no node is unknown or transitioning. */
+/* Sets the state of one of `conf`'s nodes, keeps the counts (which are all zero until the first change), and
+ * opens reads once no node is unknown or transitioning. Nothing for null and for the state it has. Any thread:
+ * changes come one after the other; who reads the fields meanwhile sees each one old or new. */
 RUXO_EXPORT void host_activate(topo_config *conf, host_config *hc, topo_host_state_t state);
+/* Returns 0 as soon as reads on `conf` are open, which it looks for once a second, for ever; -1 for null. Any
+ * thread. */
+RUXO_EXPORT int topo_wait_on_readwrite_barrier(topo_config *conf);
+
+/* Changes where a node is reached, in place: address (dotted quad), data port and API port, each left as it is
+ * when null. Ports are read in base 10 and cut to 16 bits, unchecked. The node's url_prefix and hostname, its
+ * connect_to entry and the signature stay as they were compiled. 0; -1, changing nothing, for a null topology,
+ * an id that is no UUID or not there, and a bad address. Any thread. */
+RUXO_EXPORT int topo_update_ip(topo_config *conf, char *node_id, char *ip_address, char *port, char *apiport);
+
+/* A copy of the structure alone: nodes, ring, tables and all else that the original owns are shared with it, and
+ * must outlive the copy, which is released with free(). Null for null and without memory. Any thread. */
+RUXO_EXPORT topo_config *topo_copy_topology(const topo_config *from);
 
 /* Calls f for each node in document order; returns the sum of its results. */
 RUXO_EXPORT int topo_apply(topo_config *tc, void *thunk, int (*f)(topo_config *, host_config *, void *));

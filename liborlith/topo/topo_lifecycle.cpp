@@ -1,13 +1,15 @@
-// Which topology is active and which is next, who this node is, and how far each node is with a rebalance.
+// Which topology is active and which is next, and who this node is.
 //
 // Threads: one control thread changes what is here. Placement callers on any thread read the two topology
-// pointers without locks; a topology is never freed while it may be active, so they always see a whole one.
+// pointers and the ids without locks; a topology is never freed while it may be active, so they always see a whole
+// one, and an id is read as a whole (topo_shared_id_private.h). What they see may be a moment old.
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 
 #include "liborlith/topo/topo.h"
 #include "liborlith/topo/topo_private.h"
+#include "liborlith/topo/topo_shared_id_private.h"
 
 ruxo_log_stream_t topo_debug = nullptr;
 
@@ -16,9 +18,9 @@ namespace {
 std::atomic<topo_config *> current_active{nullptr};
 std::atomic<topo_config *> next_active{nullptr};
 std::atomic<host_config *> current_self_node{nullptr};
-ruxo_uuid_t my_id;
+TopoSharedId my_id;
 std::atomic<bool> i_am_ephemeral{false};
-ruxo_uuid_t ephemeral_id;
+TopoSharedId ephemeral_id;
 
 // A process under a temporary id must not be a node of a topology it is to use: two processes would then
 // answer for the same node.
@@ -38,33 +40,6 @@ void claim_me(topo_config *conf, const unsigned char *me, topo_host_state_t stat
   if (topo_contains(conf, me) == nullptr) return;
   exit_if_ephemeral();
   activate_me(conf, me, state);
-}
-
-int *counter_of(topo_config *conf, topo_host_state_t state) {
-  switch (state) {
-    case TOPO_ACTIVE_UNKNOWN:
-      return &conf->hosts_unknown;
-    case TOPO_ACTIVE_NEW:
-      return &conf->hosts_new;
-    case TOPO_ACTIVE_TRANSITIONING:
-      return &conf->hosts_transitioning;
-    case TOPO_ACTIVE_TRANSITIONED:
-      return &conf->hosts_transitioned;
-  }
-  return nullptr;
-}
-
-void count_host(topo_config *conf, topo_host_state_t state, int change) {
-  int *counter = counter_of(conf, state);
-  if (counter != nullptr) *counter += change;
-}
-
-// Compilation leaves all counts at zero, although every node starts out unknown. The first change of a state
-// turns them into true counts; otherwise reads would open (or stay shut) on a count below zero.
-void begin_counting(topo_config *conf) {
-  const int counted =
-      conf->hosts_unknown + conf->hosts_new + conf->hosts_transitioning + conf->hosts_transitioned;
-  if (counted == 0) conf->hosts_unknown = conf->host_count;
 }
 
 // The node with this id by its point 0, which every node has.
@@ -91,20 +66,6 @@ void topo_set_debug(ruxo_log_stream_t ndebug) {
   topo_debug = ndebug;
 }
 
-const char *topo_host_state_name(topo_host_state_t s) {
-  switch (s) {
-    case TOPO_ACTIVE_UNKNOWN:
-      return "unknown";
-    case TOPO_ACTIVE_NEW:
-      return "new";
-    case TOPO_ACTIVE_TRANSITIONING:
-      return "transitioning";
-    case TOPO_ACTIVE_TRANSITIONED:
-      return "transitioned";
-  }
-  return "error";
-}
-
 topo_config *topo_active(void) {
   return current_active.load(std::memory_order_acquire);
 }
@@ -119,7 +80,7 @@ topo_config *topo_target(void) {
 }
 
 void topo_set_i_am_ephemeral(unsigned char *id) {
-  memcpy(ephemeral_id, id, sizeof ephemeral_id);
+  ephemeral_id.store(id);
   i_am_ephemeral = true;
 }
 
@@ -128,9 +89,10 @@ ruxo_boolean topo_i_am_ephemeral(void) {
 }
 
 void topo_me(unsigned char *out) {
+  if (i_am_ephemeral) return ephemeral_id.load(out);
   const host_config *self = topo_self_node();
-  const uint8_t *id = self != nullptr ? self->id : my_id;
-  memcpy(out, i_am_ephemeral ? ephemeral_id : id, RUXO_UUID_SIZE);
+  if (self == nullptr) return my_id.load(out);
+  memcpy(out, self->id, RUXO_UUID_SIZE);
 }
 
 int topo_set_node(unsigned char *id) {
@@ -140,9 +102,9 @@ int topo_set_node(unsigned char *id) {
   topo_hash(probe, sizeof probe, location);
   host_config *self = find_on_ring(topo_next_active(), id, location);
   if (self == nullptr) self = find_on_ring(topo_active(), id, location);
-  memcpy(my_id, id, sizeof my_id);
-  current_self_node.store(self,
-                          std::memory_order_release);  // none when not found: then `id` is all that is known
+  my_id.store(id);
+  // None when not found: then `id` is all that is known.
+  current_self_node.store(self, std::memory_order_release);
   if (self == nullptr) return -1;
   if (i_am_ephemeral) ruxo_log(ruxo_error, "Dangerous ephemeral node id conflict: %s\n", probe);
   return 0;
@@ -157,8 +119,8 @@ int topo_initialize(topo_config *conf, topo_config *next, unsigned char *me) {
 }
 
 int topo_activate_next(topo_config *conf) {
-  if (topo_next_active() != nullptr) return -1;
-  next_active.store(conf, std::memory_order_release);
+  topo_config *none = nullptr;
+  if (!next_active.compare_exchange_strong(none, conf, std::memory_order_acq_rel)) return -1;
   ruxo_uuid_t me;
   topo_me(me);
   claim_me(conf, me, TOPO_ACTIVE_TRANSITIONING);
@@ -168,6 +130,7 @@ int topo_activate_next(topo_config *conf) {
 int topo_transition(void) {
   topo_config *next = topo_next_active();
   if (next == nullptr) return -1;
+  // In this order topo_target() never misses both.
   current_active.store(next, std::memory_order_release);
   next_active.store(nullptr, std::memory_order_release);
   ruxo_uuid_t me;
@@ -176,15 +139,6 @@ int topo_transition(void) {
   ruxo_log(ruxo_error, "TOPO(0): %s\n", topo_signature(topo_active(), nullptr));
   ruxo_log(ruxo_error, "TOPO(1): %s\n", topo_signature(topo_next_active(), nullptr));
   return 0;
-}
-
-void host_activate(topo_config *conf, host_config *hc, topo_host_state_t state) {
-  if (conf == nullptr || hc == nullptr || hc->active == state) return;
-  begin_counting(conf);
-  count_host(conf, hc->active, -1);
-  count_host(conf, state, 1);
-  hc->active = state;
-  if (conf->hosts_unknown == 0 && conf->hosts_transitioning == 0) conf->reads_allowed = 1;
 }
 
 int topo_apply(topo_config *tc, void *thunk, int (*f)(topo_config *, host_config *, void *)) {

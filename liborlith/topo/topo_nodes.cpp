@@ -1,5 +1,8 @@
-// Queries about a topology's nodes.
+// Queries about a topology's nodes, and the one change to them: where a node is reached.
+#include <arpa/inet.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -37,6 +40,17 @@ int compare_draws(const void *a, const void *b) {
 struct Free {
   void operator()(void *memory) const { free(memory); }
 };
+
+// Addresses and ports are read by other threads meanwhile: each is one word, old or new.
+template <class Field>
+void replace(Field &field, Field value) {
+  std::atomic_ref(field).store(value, std::memory_order_relaxed);
+}
+
+// Not checked, as documented: what is no number is port 0, and higher bits are cut off.
+uint16_t port_from_text(const char *text) {
+  return htons(static_cast<uint16_t>(strtol(text, nullptr, 10)));
+}
 
 }  // namespace
 
@@ -121,4 +135,17 @@ int topo_randomize_hosts(topo_config *tc, host_config **h, int cnt) {
   qsort(draws.get(), size, sizeof(Draw), compare_draws);
   for (int i = 0; i < wanted; ++i) h[i] = &tc->hc[draws[static_cast<size_t>(i)].index];
   return wanted;
+}
+
+int topo_update_ip(topo_config *conf, char *node_id, char *ip_address, char *port, char *apiport) {
+  ruxo_uuid_t id;
+  if (conf == nullptr || node_id == nullptr || ruxo_uuid_parse(node_id, id) != 0) return -1;
+  host_config *host = topo_contains(conf, id);
+  if (host == nullptr) return -1;
+  in_addr address{};
+  if (ip_address != nullptr && inet_aton(ip_address, &address) == 0) return -1;
+  if (ip_address != nullptr) replace(host->net_address.s_addr, address.s_addr);
+  if (port != nullptr) replace(host->net_port, port_from_text(port));
+  if (apiport != nullptr) replace(host->net_apiport, port_from_text(apiport));
+  return 0;
 }

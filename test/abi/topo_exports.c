@@ -118,6 +118,11 @@ static void call_lifecycle(topo_config *tc, topo_config *next) {
   host_activate(tc, &tc->hc[1], TOPO_ACTIVE_TRANSITIONED);
   host_activate(tc, &tc->hc[2], TOPO_ACTIVE_TRANSITIONED);
   CHECK(tc->reads_allowed == 1 && tc->hosts_transitioned == 3);
+  CHECK(topo_wait_on_readwrite_barrier(tc) == 0);
+  CHECK(topo_update_ip(tc, tc->hc[2].id_str, (char[]){"127.0.0.9"}, NULL, (char[]){"10"}) == 0);
+  topo_config *copy = topo_copy_topology(tc);
+  CHECK(copy != NULL && copy->hc == tc->hc && copy->hosts_transitioned == 3);
+  free(copy);
   CHECK(topo_apply(tc, NULL, count_node) == 3 && ring_apply(tc, NULL, count_point) == 12);
   CHECK(topo_activate_next(next) == 0 && topo_next_active() == next && topo_target() == next);
 }

@@ -1,5 +1,9 @@
+#include <arpa/inet.h>
+#include <curl/curl.h>
+
 #include <algorithm>
 #include <cstdlib>
+#include <list>
 #include <set>
 
 #include "test/topo/topo_test_support.h"
@@ -158,6 +162,79 @@ TEST(TopoRandomizeHosts, GivesAtMostAllNodes) {
   EXPECT_EQ(topo_randomize_hosts(tc.get(), chosen, 100), 5);
   EXPECT_EQ(std::set<host_config *>(chosen, chosen + 5).size(), 5u);
   EXPECT_EQ(chosen[5], nullptr);
+}
+
+// ---- Where a node is reached ----
+
+class TopoUpdateIp : public testing::Test {
+ protected:
+  int update(const char *address, const char *port, const char *apiport) {
+    return topo_update_ip(tc.get(), copy(kId2.c_str()), copy(address), copy(port), copy(apiport));
+  }
+  // "address port apiport" of the second node.
+  std::string reached() const {
+    const host_config &host = tc->hc[1];
+    return std::string(inet_ntoa(host.net_address)) + " " + std::to_string(ntohs(host.net_port)) + " " +
+           std::to_string(ntohs(host.net_apiport));
+  }
+  char *copy(const char *text) {
+    if (text == nullptr) return nullptr;
+    texts.emplace_back(text);
+    return texts.back().data();
+  }
+
+  const TopoHandle tc = compile_ok(nodes("", node(kId1) + node(kId2)));
+  std::list<std::string> texts;
+};
+
+TEST_F(TopoUpdateIp, StoresWhatIsGiven) {
+  EXPECT_EQ(reached(), "127.0.0.1 8112 8113");
+  EXPECT_EQ(update("10.1.2.3", nullptr, nullptr), 0);
+  EXPECT_EQ(reached(), "10.1.2.3 8112 8113");
+  EXPECT_EQ(update(nullptr, "1", nullptr), 0);
+  EXPECT_EQ(reached(), "10.1.2.3 1 8113");
+  EXPECT_EQ(update(nullptr, nullptr, "65535"), 0);
+  EXPECT_EQ(reached(), "10.1.2.3 1 65535");
+  EXPECT_EQ(update("10.9.8.7", "2", "3"), 0);
+  EXPECT_EQ(reached(), "10.9.8.7 2 3");
+  EXPECT_EQ(update(nullptr, nullptr, nullptr), 0);
+  EXPECT_EQ(reached(), "10.9.8.7 2 3");
+  EXPECT_STREQ(inet_ntoa(tc->hc[0].net_address), "127.0.0.1") << "the other node";
+}
+
+TEST_F(TopoUpdateIp, LeavesEverythingElseAsItWas) {
+  const std::string signature = tc->hex_signature;
+  EXPECT_EQ(update("10.1.2.3", "1", "2"), 0);
+  EXPECT_EQ(tc->hc[1].url_prefix, "http://" + kId2 + ":8113");
+  EXPECT_STREQ(tc->hc[1].hostname, "127.0.0.1");
+  EXPECT_EQ(tc->connect_to->next->data, kId2 + ":8113:127.0.0.1:8113");
+  EXPECT_EQ(tc->hex_signature, signature);
+}
+
+TEST_F(TopoUpdateIp, ARejectedAddressLeavesThePortsUnchanged) {
+  EXPECT_EQ(update("10.1.2", "1", "2"), 0) << "inet_aton takes short forms";
+  EXPECT_EQ(reached(), "10.1.0.2 1 2");
+  for (const char *bad : {"10.1.2.256", "", "localhost", "::1", "1.2.3.4.5"}) {
+    EXPECT_EQ(update(bad, "3", "4"), -1) << bad;
+  }
+  EXPECT_EQ(reached(), "10.1.0.2 1 2");
+}
+
+TEST_F(TopoUpdateIp, PortsAreReadInBase10AndCutTo16Bits) {  // deliberately unchecked
+  EXPECT_EQ(update(nullptr, "65537", "12ab"), 0);
+  EXPECT_EQ(reached(), "127.0.0.1 1 12");
+  EXPECT_EQ(update(nullptr, "-1", "x"), 0);
+  EXPECT_EQ(reached(), "127.0.0.1 65535 0");
+  EXPECT_EQ(update(nullptr, "010", "0x10"), 0);
+  EXPECT_EQ(reached(), "127.0.0.1 10 0");
+}
+
+TEST_F(TopoUpdateIp, RefusesUnknownNodesAndTopologies) {
+  EXPECT_EQ(topo_update_ip(nullptr, copy(kId2.c_str()), nullptr, copy("1"), nullptr), -1);
+  EXPECT_EQ(topo_update_ip(tc.get(), copy(kId3.c_str()), nullptr, copy("1"), nullptr), -1);
+  EXPECT_EQ(topo_update_ip(tc.get(), copy("2222"), nullptr, copy("1"), nullptr), -1);
+  EXPECT_EQ(topo_update_ip(tc.get(), nullptr, nullptr, copy("1"), nullptr), -1);
+  EXPECT_EQ(reached(), "127.0.0.1 8112 8113");
 }
 
 TEST(TopoRandomizeHostsDeathTest, StopsWithoutMemory) {
