@@ -68,6 +68,12 @@ struct Faults {
     return true;
   }
 
+  // The same for what takes memory.
+  template <typename Result>
+  static bool refused(Call call, Result failure, Result *result) {
+    return answered(call, failure, result) || answered(Call::allocation, failure, result);
+  }
+
   static size_t allowed(Call call, size_t len) {
     const Fault *fault = met(call, true);
     return fault != nullptr ? std::min(len, static_cast<size_t>(fault->value_)) : len;
@@ -141,6 +147,7 @@ int __real_unlink(const char *name);
 struct dirent *__real_readdir(DIR *folder);
 void *__real_malloc(size_t len);
 void *__real_calloc(size_t count, size_t size);
+int __real_posix_memalign(void **out, size_t alignment, size_t len);
 char *__real_strdup(const char *text);
 
 int __wrap_open(const char *path, int flags, ...) {
@@ -224,16 +231,21 @@ struct dirent *__wrap_readdir(DIR *folder) {
 }
 void *__wrap_malloc(size_t len) {
   void *result;
-  return Faults::answered(Call::malloc, static_cast<void *>(nullptr), &result) ? result : __real_malloc(len);
+  return Faults::refused(Call::malloc, static_cast<void *>(nullptr), &result) ? result : __real_malloc(len);
 }
 void *__wrap_calloc(size_t count, size_t size) {
   void *result;
-  if (Faults::answered(Call::calloc, static_cast<void *>(nullptr), &result)) return result;
+  if (Faults::refused(Call::calloc, static_cast<void *>(nullptr), &result)) return result;
   return __real_calloc(count, size);
+}
+int __wrap_posix_memalign(void **out, size_t alignment, size_t len) {
+  int result;
+  if (Faults::refused(Call::posix_memalign, ENOMEM, &result)) return result;
+  return __real_posix_memalign(out, alignment, len);
 }
 char *__wrap_strdup(const char *text) {
   char *result;
-  return Faults::answered(Call::strdup, static_cast<char *>(nullptr), &result) ? result : __real_strdup(text);
+  return Faults::refused(Call::strdup, static_cast<char *>(nullptr), &result) ? result : __real_strdup(text);
 }
 
 }  // extern "C"

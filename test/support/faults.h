@@ -29,7 +29,9 @@ enum class Call {
   readdir,
   malloc,
   calloc,
+  posix_memalign,
   strdup,
+  allocation,  // any of the four before
   count
 };
 

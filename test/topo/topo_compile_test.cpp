@@ -6,46 +6,19 @@
 #include <filesystem>
 
 #include "liborlith/topo/topo_private.h"
+#include "test/support/faults.h"
 #include "test/support/log_capture.h"
 #include "test/support/temp_dir.h"
 #include "test/topo/topo_test_support.h"
-
-long topo_test::allocations_before_failure = -1;
 
 namespace {
 
 // How many more ids are written before they come out empty; negative: all are written.
 long ids_before_blank = -1;
 
-bool allocation_fails() {
-  if (topo_test::allocations_before_failure < 0) return false;
-  return topo_test::allocations_before_failure-- == 0;
-}
-
 }  // namespace
 
 extern "C" {
-void *__real_malloc(size_t);
-void *__wrap_malloc(size_t);
-void *__wrap_malloc(size_t size) {
-  return allocation_fails() ? nullptr : __real_malloc(size);
-}
-void *__real_calloc(size_t, size_t);
-void *__wrap_calloc(size_t, size_t);
-void *__wrap_calloc(size_t count, size_t size) {
-  return allocation_fails() ? nullptr : __real_calloc(count, size);
-}
-int __real_posix_memalign(void **, size_t, size_t);
-int __wrap_posix_memalign(void **, size_t, size_t);
-int __wrap_posix_memalign(void **out, size_t alignment, size_t size) {
-  return allocation_fails() ? ENOMEM : __real_posix_memalign(out, alignment, size);
-}
-char *__real_strdup(const char *);
-char *__wrap_strdup(const char *);
-char *__wrap_strdup(const char *text) {
-  return allocation_fails() ? nullptr : __real_strdup(text);
-}
-
 void __real_ruxo_uuid_unparse_lower(const uint8_t *uuid, char *out);
 void __wrap_ruxo_uuid_unparse_lower(const uint8_t *uuid, char *out);
 void __wrap_ruxo_uuid_unparse_lower(const uint8_t *uuid, char *out) {
@@ -494,12 +467,10 @@ TEST(TopoCompileDeathTest, AnIdWithoutTextIsFatal) {
 // Runs `call` with the first, the second, ... allocation failing until none does. Returns how many did.
 template <class Call>
 long fail_each_allocation(Call call) {
-  for (long n = 0;; ++n) {
-    allocations_before_failure = n;
+  for (int n = 0;; ++n) {
+    const faults::Fail no_memory(faults::Call::allocation, ENOMEM, n + 1, 1);
     call();
-    const bool was_reached = allocations_before_failure < 0;
-    allocations_before_failure = -1;
-    if (!was_reached) return n;
+    if (!no_memory.hit()) return n;
   }
 }
 

@@ -2,10 +2,12 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <list>
 #include <set>
 
+#include "test/support/faults.h"
 #include "test/topo/topo_test_support.h"
 
 namespace {
@@ -242,7 +244,7 @@ TEST(TopoRandomizeHostsDeathTest, StopsWithoutMemory) {
   host_config *chosen[5];
   EXPECT_DEATH(
       {
-        allocations_before_failure = 0;
+        const faults::Fail no_memory(faults::Call::calloc, ENOMEM);
         topo_randomize_hosts(tc.get(), chosen, 5);
       },
       "\\[FATAL\\] assertion \\(draws\\) at topo/topo_nodes\\.cpp:[0-9]+ failed");

@@ -116,11 +116,6 @@ inline std::array<uint8_t, 16> binary_id(const std::string &id) {
   return result;
 }
 
-// How many more calls of the wrapped allocators (malloc, calloc, posix_memalign, strdup, as called from the
-// code under test) succeed before one fails; negative: all succeed. Set by tests, counted down by the
-// wrappers.
-extern long allocations_before_failure;
-
 }  // namespace topo_test
 
 #endif
