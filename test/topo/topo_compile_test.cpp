@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <new>
 
 #include "liborlith/topo/topo_private.h"
 #include "test/support/faults.h"
@@ -32,6 +33,9 @@ void __wrap_ruxo_uuid_unparse_lower(const uint8_t *uuid, char *out) {
 [[gnu::noinline]] void *operator new(size_t size) {
   if (void *memory = malloc(size)) return memory;
   throw std::bad_alloc();
+}
+[[gnu::noinline]] void *operator new(size_t size, const std::nothrow_t &) noexcept {
+  return malloc(size);
 }
 [[gnu::noinline]] void operator delete(void *memory) noexcept {
   free(memory);
