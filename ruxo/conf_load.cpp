@@ -90,7 +90,7 @@ File read_file(const std::string &path, size_t limit) {
 std::string absolute_path(const char *path) {
   if (*path == '\0') throw ConfFault("the configuration file has no name");
   std::error_code fault;
-  const std::string result = std::filesystem::absolute(path, fault).string();
+  std::string result = std::filesystem::absolute(path, fault).string();
   if (fault) throw ConfFault(conf_visible(path) + ": " + fault.message());
   return result;
 }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <random>
 #include <string>
@@ -148,8 +149,8 @@ TEST(Lz4f, ReadsFramesThatAreWrittenOutHere) {
 }
 
 TEST(Lz4f, ComesBackAtEveryLength) {
-  for (const size_t len :
-       {0, 1, 12, 13, 4095, 65535, 65536, 65537, 131071, 131072, 131073, 126976, 126977, 1000000}) {
+  for (const size_t len : std::initializer_list<size_t>{0, 1, 12, 13, 4095, 65535, 65536, 65537, 131071,
+                                                        131072, 131073, 126976, 126977, 1000000}) {
     const std::string text = random_text(len, static_cast<unsigned>(len));
     EXPECT_EQ(decompress(compress(text)), (Result{RUXO_LZ4F_OK, text})) << len;
     EXPECT_EQ(decompress(compress(text), len), (Result{RUXO_LZ4F_OK, text})) << "room for exactly " << len;
