@@ -6,6 +6,7 @@
 
 #include "liborlith/orollupd/rollup.h"
 #include "liborlith/orollupd/rollup_private.h"
+#include "liborlith/util/text_number_internal.h"
 #include "ruxo/uuid.h"
 
 namespace {
@@ -57,7 +58,7 @@ int split(const char *line, const char *end, bool bundled, mline_fields_t *out) 
   out->timestamp = cutter.rest();
   // Read before the record type is looked at, and not bounded by the field: an empty timestamp field reads
   // on.
-  out->whence_ms = rollup::read_timestamp_ms(cutter.at(), end);
+  out->whence_ms = text_number::read_timestamp_ms(cutter.at(), end);
   if (*line != 'M') return 0;
   if (!cutter.take_field(&out->timestamp)) return -2;
   if (!cutter.take_field(&out->check)) return -3;
@@ -80,7 +81,7 @@ int32_t find_account(const mline_fields_t &fields) {
   const std::string_view rest(start, static_cast<size_t>(end - start));
   const size_t mark = rest.find(kAccountMark);
   if (mark == std::string_view::npos) return 0;
-  return static_cast<int32_t>(rollup::read_int64(start + mark + kAccountMark.size(), end));
+  return static_cast<int32_t>(text_number::read_int64(start + mark + kAccountMark.size(), end));
 }
 
 int read_identity(const mline_fields_t &fields, Identity *out) {
@@ -141,19 +142,19 @@ extern "C" int mline_value(const mline_fields_t *fields, metric_value_t *value) 
   if (value->is_null) return 1;
   switch (fields->type) {
     case ORLITH_METRIC_UINT32:
-      value->storage.v_uint32 = static_cast<uint32_t>(rollup::read_uint64(at, end));
+      value->storage.v_uint32 = static_cast<uint32_t>(text_number::read_uint64(at, end));
       return 1;
     case ORLITH_METRIC_UINT64:
-      value->storage.v_uint64 = rollup::read_uint64(at, end);
+      value->storage.v_uint64 = text_number::read_uint64(at, end);
       return 1;
     case ORLITH_METRIC_INT32:
-      value->storage.v_int32 = static_cast<int32_t>(rollup::read_int64(at, end));
+      value->storage.v_int32 = static_cast<int32_t>(text_number::read_int64(at, end));
       return 1;
     case ORLITH_METRIC_INT64:
-      value->storage.v_int64 = rollup::read_int64(at, end);
+      value->storage.v_int64 = text_number::read_int64(at, end);
       return 1;
     case ORLITH_METRIC_DOUBLE:
-      value->storage.v_double = rollup::read_double(at, end);
+      value->storage.v_double = text_number::read_double(at, end);
       return 1;
     case ORLITH_METRIC_STRING:
       value->storage.v_string = copy_text(fields->value);

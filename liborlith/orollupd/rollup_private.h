@@ -1,30 +1,12 @@
-// What the files of this folder share: bounded number reading, the ignore set, the not-a-number check.
+// What the files of this folder share: the ignore set, the not-a-number check.
 #ifndef LIBORLITH_OROLLUPD_ROLLUP_PRIVATE_H
 #define LIBORLITH_OROLLUPD_ROLLUP_PRIVATE_H
 
-#include <cstdint>
 #include <string_view>
 
 #include "liborlith/orollupd/rollup.h"
 
 namespace rollup {
-
-// Numbers at the start of a text, by the rules of the C library's base-10 conversions in the "C" locale,
-// whatever the process's locale is: leading white space (TABs and newlines too) is skipped, a sign is taken,
-// text after the number is ignored, no number reads as 0. They differ from those conversions only in that the
-// text ends at `end`.
-
-// As strtoull: beyond 64 bits the largest value; a negative number wraps. `*after` (may be null) receives the
-// place after the number, or `at` when there is none.
-uint64_t read_uint64(const char *at, const char *end, const char **after = nullptr) noexcept;
-// As strtoll: clamped to 64 bits.
-int64_t read_int64(const char *at, const char *end) noexcept;
-// As strtod: the nearest double; hexadecimal, infinities and NaNs too.
-double read_double(const char *at, const char *end) noexcept;
-
-// Decimal seconds, with a fraction or without, as milliseconds modulo 2^64. A fraction that an exponent makes
-// too large for 64 bits of milliseconds adds nothing.
-uint64_t read_timestamp_ms(const char *at, const char *end) noexcept;
 
 // Whether the name's part after its last ":" is in the ignore set.
 bool has_ignored_extension(std::string_view name) noexcept;

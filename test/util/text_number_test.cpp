@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "liborlith/orollupd/rollup_private.h"
+#include "liborlith/util/text_number_internal.h"
 
 namespace {
 
@@ -30,27 +30,27 @@ void expect_as_library(const std::string &text) {
   const Exact exact(text);
   char *library_after = nullptr;
   const char *after = nullptr;
-  EXPECT_EQ(rollup::read_uint64(exact.begin(), exact.end(), &after),
+  EXPECT_EQ(text_number::read_uint64(exact.begin(), exact.end(), &after),
             strtoull(text.c_str(), &library_after, 10));
   EXPECT_EQ(after - exact.begin(), library_after - text.c_str());
-  EXPECT_EQ(rollup::read_int64(exact.begin(), exact.end()), strtoll(text.c_str(), nullptr, 10));
-  EXPECT_EQ(std::bit_cast<uint64_t>(rollup::read_double(exact.begin(), exact.end())),
+  EXPECT_EQ(text_number::read_int64(exact.begin(), exact.end()), strtoll(text.c_str(), nullptr, 10));
+  EXPECT_EQ(std::bit_cast<uint64_t>(text_number::read_double(exact.begin(), exact.end())),
             std::bit_cast<uint64_t>(strtod(text.c_str(), nullptr)));
 }
 
 double read_double(const std::string &text) {
   const Exact exact(text);
-  return rollup::read_double(exact.begin(), exact.end());
+  return text_number::read_double(exact.begin(), exact.end());
 }
 
 uint64_t read_timestamp(const std::string &text) {
   const Exact exact(text);
-  return rollup::read_timestamp_ms(exact.begin(), exact.end());
+  return text_number::read_timestamp_ms(exact.begin(), exact.end());
 }
 
 }  // namespace
 
-TEST(RollupNumber, ReadsTheEdgesAsTheLibraryDoes) {
+TEST(TextNumber, ReadsTheEdgesAsTheLibraryDoes) {
   for (const char *text : {"",
                            "0",
                            "-0",
@@ -149,7 +149,7 @@ TEST(RollupNumber, ReadsTheEdgesAsTheLibraryDoes) {
   }
 }
 
-TEST(RollupNumber, ReadsLongDigitsAsTheLibraryDoes) {
+TEST(TextNumber, ReadsLongDigitsAsTheLibraryDoes) {
   for (const size_t len : {18U, 19U, 20U, 127U, 128U, 129U, 400U, 5000U}) {
     expect_as_library(std::string(len, '9'));
     expect_as_library("-" + std::string(len, '0') + "1");
@@ -161,7 +161,7 @@ TEST(RollupNumber, ReadsLongDigitsAsTheLibraryDoes) {
   }
 }
 
-TEST(RollupNumber, AgreesWithTheLibraryOnRandomText) {
+TEST(TextNumber, AgreesWithTheLibraryOnRandomText) {
   const unsigned seed = 4711;
   SCOPED_TRACE(seed);
   std::mt19937 random(seed);
@@ -173,7 +173,7 @@ TEST(RollupNumber, AgreesWithTheLibraryOnRandomText) {
   }
 }
 
-TEST(RollupNumber, AgreesWithTheLibraryOnRandomDoubles) {
+TEST(TextNumber, AgreesWithTheLibraryOnRandomDoubles) {
   const unsigned seed = 815;
   SCOPED_TRACE(seed);
   std::mt19937_64 random(seed);
@@ -187,7 +187,7 @@ TEST(RollupNumber, AgreesWithTheLibraryOnRandomDoubles) {
   }
 }
 
-TEST(RollupNumber, AgreesWithTheLibraryNearHalfwayPoints) {
+TEST(TextNumber, AgreesWithTheLibraryNearHalfwayPoints) {
   const unsigned seed = 99;
   SCOPED_TRACE(seed);
   std::mt19937_64 random(seed);
@@ -198,17 +198,17 @@ TEST(RollupNumber, AgreesWithTheLibraryNearHalfwayPoints) {
   }
 }
 
-TEST(RollupNumber, StopsAtTheEndOfTheView) {
+TEST(TextNumber, StopsAtTheEndOfTheView) {
   const char text[] = "123.456e7";
   const char *after = nullptr;
-  EXPECT_EQ(rollup::read_uint64(text, text + 2, &after), 12U);
+  EXPECT_EQ(text_number::read_uint64(text, text + 2, &after), 12U);
   EXPECT_EQ(after, text + 2);
-  EXPECT_EQ(rollup::read_double(text, text + 5), 123.4);
-  EXPECT_EQ(rollup::read_double(text, text + 8), 123.456) << "an exponent without digits is not taken";
-  EXPECT_EQ(rollup::read_double(text, text), 0.0);
+  EXPECT_EQ(text_number::read_double(text, text + 5), 123.4);
+  EXPECT_EQ(text_number::read_double(text, text + 8), 123.456) << "an exponent without digits is not taken";
+  EXPECT_EQ(text_number::read_double(text, text), 0.0);
 }
 
-TEST(RollupNumber, DoesNotHeedTheProcessLocale) {
+TEST(TextNumber, DoesNotHeedTheProcessLocale) {
   bool tried = false;
   for (const char *name : {"de_DE.UTF-8", "fr_FR.UTF-8", "de_DE", "C.UTF-8"}) {
     if (setlocale(LC_ALL, name) == nullptr) continue;

@@ -11,7 +11,7 @@
 #include <memory>
 #include <new>
 
-#include "liborlith/orollupd/rollup_private.h"
+#include "liborlith/util/text_number_internal.h"
 
 namespace {
 
@@ -79,14 +79,14 @@ Magnitude read_magnitude(const char *at, const char *end) {
 
 }  // namespace
 
-uint64_t rollup::read_uint64(const char *at, const char *end, const char **after) noexcept {
+uint64_t text_number::read_uint64(const char *at, const char *end, const char **after) noexcept {
   const Magnitude number = read_magnitude(at, end);
   if (after != nullptr) *after = number.after != nullptr ? number.after : at;
   if (number.overflow) return std::numeric_limits<uint64_t>::max();
   return number.negative ? 0 - number.value : number.value;
 }
 
-int64_t rollup::read_int64(const char *at, const char *end) noexcept {
+int64_t text_number::read_int64(const char *at, const char *end) noexcept {
   constexpr uint64_t kMax = std::numeric_limits<int64_t>::max();
   const Magnitude number = read_magnitude(at, end);
   if (number.overflow || number.value > kMax) {
@@ -214,7 +214,7 @@ double read_with_library(const char *at, const char *end) {
 
 }  // namespace
 
-double rollup::read_double(const char *at, const char *end) noexcept {
+double text_number::read_double(const char *at, const char *end) noexcept {
   const char *signed_start = skip_space(at, end);
   const char *start = signed_start;
   const bool negative = take_sign(start, end);
@@ -244,7 +244,7 @@ bool read_whole_ms(const char *point, const char *end, uint64_t &ms) {
 
 }  // namespace
 
-uint64_t rollup::read_timestamp_ms(const char *at, const char *end) noexcept {
+uint64_t text_number::read_timestamp_ms(const char *at, const char *end) noexcept {
   constexpr double kTwoTo64 = 18446744073709551616.0;
   const char *after = at;
   const uint64_t whole_ms = read_uint64(at, end, &after) * 1000;
