@@ -56,6 +56,7 @@ int main(void) {
   call_join();
   call_vask_move();
   call_metric_locator();
+  call_histogram_line();
   call_nnt();
   call_rollup();
   call_topo();
