@@ -140,6 +140,36 @@ HIST_EXPORT bool hist_is_difference(const histogram_t *h);
 /* Drops the buckets with a zero count. Null is ignored. */
 HIST_EXPORT void hist_remove_zeroes(histogram_t *h);
 
+/* ---- Buckets as columns, for what reads or writes many of them ---- */
+
+/* A bucket as a number: codes are ordered as buckets are. doc/histogram.md has the layout. */
+typedef uint16_t hist_code_t;
+/* The code of a bucket and the bucket of a code; either has to be one (hist_bucket_is_valid). Pure functions. */
+static inline hist_code_t hist_code_of_bucket(hist_bucket_t bucket) {
+  const int decade = bucket.exp + 128;
+  if (bucket.val == 0) return 0x8000;
+  if (bucket.val == -1) return 0xffff;
+  return (hist_code_t)(bucket.val > 0 ? 0x8000 | decade << 7 | bucket.val
+                                      : 0x7fff ^ (decade << 7 | -bucket.val));
+}
+static inline hist_bucket_t hist_bucket_of_code(hist_code_t code) {
+  const int is_negative = code < 0x8000;
+  const int magnitude = (is_negative ? ~code : code) & 0x7fff;
+  const int val = magnitude & 0x7f;
+  hist_bucket_t bucket = {0, 0};
+  if (code == 0x8000) return bucket;
+  bucket.val = (int8_t)(code == 0xffff ? -1 : is_negative ? -val : val);
+  bucket.exp = (int8_t)(code == 0xffff ? 0 : (magnitude >> 7) - 128);
+  return bucket;
+}
+/* The codes and the counts of all buckets, hist_bucket_count(h) each, in order; borrowed until `h` changes. Null, or a
+ * pointer to nothing, when there are none. */
+HIST_EXPORT const hist_code_t *hist_codes(const histogram_t *h);
+HIST_EXPORT const uint64_t *hist_counts(const histogram_t *h);
+/* A new histogram, owned by the caller, with copies of these columns of `n` buckets. Null when the codes do not ascend
+ * or one is that of no bucket, when there are none for a number above 0, and when out of memory. */
+HIST_EXPORT histogram_t *hist_of_columns(const hist_code_t *codes, const uint64_t *counts, int n);
+
 /* ---- Counts and statistics; sums of counts saturate at UINT64_MAX ---- */
 
 /* How many values were counted, and how many of these are numbers. */

@@ -68,11 +68,21 @@ static void call_serialization(const histogram_t *h) {
   hist_free(read);
 }
 
+static void call_columns(const histogram_t *h) {
+  const int n = hist_bucket_count(h);
+  histogram_t *same = hist_of_columns(hist_codes(h), hist_counts(h), n);
+  CHECK(hist_bucket_count(same) == n && hist_sample_count(same) == hist_sample_count(h));
+  const hist_code_t first = hist_codes(h)[0];
+  CHECK(hist_code_of_bucket(hist_bucket_of_code(first)) == first);
+  hist_free(same);
+}
+
 void call_vaskllhist(void) {
   histogram_t *h = fill();
   call_buckets();
   call_statistics(h);
   call_arithmetic(h);
   call_serialization(h);
+  call_columns(h);
   hist_free(h);
 }
