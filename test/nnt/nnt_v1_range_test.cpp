@@ -190,13 +190,13 @@ TEST_F(NntRange, AViewReadsWhatTheRecordsOneByOneGive) {
 }
 
 TEST_F(NntRange, AHandleReadsWhatTheRecordsOneByOneGive) {
-  for_each_case(2000, [&](std::mt19937_64 &random, size_t count, Kind kind) {
+  for_each_case(600, [&](std::mt19937_64 &random, size_t count, Kind kind) {
     expect_handle_reads(random_records(random, count, kind));
   });
 }
 
 TEST_F(NntRange, ARangeIsWrittenAsItsValuesOneByOne) {
-  for_each_case(2000, [&](std::mt19937_64 &random, size_t count, Kind kind) {
+  for_each_case(600, [&](std::mt19937_64 &random, size_t count, Kind kind) {
     expect_written(random_values(random, count + 1, kind));
   });
 }
