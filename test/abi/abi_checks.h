@@ -32,6 +32,7 @@ void call_join(void);
 void call_vask_move(void);
 void call_metric_locator(void);
 void call_histogram_line(void);
+void call_histogram_series(void);
 void call_nnt(void);
 void call_topo(void);
 void call_rollup(void);

@@ -57,6 +57,7 @@ int main(void) {
   call_vask_move();
   call_metric_locator();
   call_histogram_line();
+  call_histogram_series();
   call_nnt();
   call_rollup();
   call_topo();

@@ -1,6 +1,7 @@
 #include <stdlib.h>
 
 #include "liborlith/util/histogram.h"
+#include "liborlith/util/histogram_series.h"
 #include "test/abi/abi_checks.h"
 
 static histogram_t *histogram_of(double value) {
@@ -37,4 +38,32 @@ void call_histogram_line(void) {
   CHECK_TEXT(cid, "x`c_7`1f846f26-0cfd-4df5-b4f1-e0930604e577");
   call_lists(locator, &value);
   orlith_metric_locator_deref(locator);
+}
+
+static ruxo_boolean sum_times(uint64_t whence_ms, histogram_t *h, void *closure) {
+  CHECK(hist_bucket_count(h) == 1);
+  *(uint64_t *)closure += whence_ms;
+  return ruxo_true;
+}
+
+void call_histogram_series(void) {
+  char image[1024];
+  size_t actual_size = 0;
+  uint64_t sum = 0;
+  histogram_series_t *hs = histogram_series_alloc(0, 1000);
+  CHECK(histogram_series_add(hs, 10, histogram_of(1), ruxo_true));
+  CHECK(histogram_series_add(hs, 20, histogram_of(2), ruxo_true));
+  CHECK(!histogram_series_remove(hs, 10));
+  CHECK(histogram_series_serialize_maxsize(hs) <= sizeof image);
+  CHECK(histogram_series_serialize(hs, image, sizeof image, &actual_size));
+  CHECK(actual_size > 0 && actual_size < sizeof image);
+  histogram_series_free(hs);
+
+  hs = histogram_series_deserialize(image, actual_size);
+  CHECK(hs != NULL && hs->n_entries == 2 && hs->histograms[1] == HISTOGRAM_SERIES_NOT_DECODED);
+  histogram_series_populate(hs, 1);
+  CHECK(hist_bucket_count(hs->histograms[1]) == 1);
+  CHECK(hist_bucket_count(histogram_series_at(hs, 10)) == 1);
+  CHECK(histogram_series_foreach(hs, sum_times, &sum) && sum == 30);
+  histogram_series_free(hs);
 }

@@ -1,0 +1,159 @@
+// From a series to its image.
+#include <algorithm>
+#include <cstdlib>
+
+#include "liborlith/util/histogram_series_count_private.h"
+#include "liborlith/util/histogram_series_private.h"
+#include "ruxo/lz4f.h"
+
+namespace {
+
+// What an entry and a bucket take at most, as the bound on the image counts them.
+constexpr size_t kEntryBytes = hss::kIndexBytesPerEntry + hss::kBucketCountBytes;
+constexpr size_t kBucketBytes = 2 + hss::kMaxCountBytes;
+
+struct Free {
+  void operator()(void *block) const { free(block); }
+};
+
+// The difference of `h` and the one before it, when it is worth storing: when it has fewer buckets.
+hss::HistogramPtr worthwhile_difference(const histogram_t *h, const histogram_t *prior) {
+  const int n_buckets = hist_bucket_count(h);
+  hss::HistogramPtr difference(hist_alloc_bins(n_buckets + hist_bucket_count(prior)));
+  if (difference == nullptr || hist_accumulate(difference.get(), &h, 1) < 0) return nullptr;
+  if (hist_subtract_as_int64(difference.get(), &prior, 1) < 0) return nullptr;
+  return hist_bucket_count(difference.get()) < n_buckets ? std::move(difference) : nullptr;
+}
+
+// Writes the columns of a histogram and its bucket count at `at`; returns the place behind them, or null when they
+// do not fit before `end`.
+uint8_t *write_histogram(uint8_t *at, const uint8_t *end, const histogram_t *h) {
+  const auto n_buckets = static_cast<size_t>(hist_bucket_count(h));
+  static_assert(HIST_MAX_BUCKETS <= UINT16_MAX);
+  if (static_cast<size_t>(end - at) < 2 * n_buckets) return nullptr;
+  uint8_t *exponents = at;
+  uint8_t *mantissas = at + n_buckets;
+  at = mantissas + n_buckets;
+  hist_bucket_t previous{};
+  for (size_t i = 0; i < n_buckets; ++i) {
+    hist_bucket_t bucket{};
+    uint64_t count = 0;
+    hist_bucket_at(h, static_cast<int>(i), &bucket, &count);
+    const bool repeats = i > 0 && bucket.exp == previous.exp;
+    exponents[i] = static_cast<uint8_t>(bucket.exp);
+    mantissas[i] = static_cast<uint8_t>(bucket.val - (repeats ? previous.val : 0));
+    at = hss::hss_write_bvcount(at, end, static_cast<int64_t>(count));
+    if (at == nullptr) return nullptr;
+    previous = bucket;
+  }
+  if (static_cast<size_t>(end - at) < hss::kBucketCountBytes) return nullptr;
+  hss::store(at, static_cast<uint16_t>(n_buckets));
+  return at + hss::kBucketCountBytes;
+}
+
+enum class Written { yes, buffer_too_small, never };
+
+// Builds the image in the caller's buffer.
+class ImageWriter {
+ public:
+  ImageWriter(uint8_t *buff, size_t buff_len) : image_(buff), end_(buff + buff_len) {}
+
+  Written write(const histogram_series_t *hs) {
+    const size_t data_at = hss::data_start(hs->n_entries);
+    if (data_at > HISTOGRAM_SERIES_MAX_IMAGE_BYTES) return Written::never;
+    if (static_cast<size_t>(end_ - image_) < data_at) return Written::buffer_too_small;
+    write_header(hs);
+    data_ = at_ = image_ + data_at;
+    uint32_t last_whole = 0;
+    for (uint32_t i = 0; i < hs->n_entries; ++i) {
+      const bool chained = i > 0 && i - last_whole < hss::kChainEntries;
+      uint32_t encoding = hss::kWhole;
+      if (!write_entry(hs->histograms[i], chained ? hs->histograms[i - 1] : nullptr, &encoding)) {
+        return Written::buffer_too_small;
+      }
+      if (encoding == hss::kWhole) last_whole = i;
+      if (len() > HISTOGRAM_SERIES_MAX_IMAGE_BYTES) return Written::never;
+      hss::store(image_ + hss::word_at(hs->n_entries, i), encoding | static_cast<uint32_t>(at_ - data_));
+    }
+    return Written::yes;
+  }
+  size_t len() const { return static_cast<size_t>(at_ - image_); }
+
+ private:
+  void write_header(const histogram_series_t *hs) {
+    hss::store(image_ + hss::kBaseAt, hs->base_ms);
+    hss::store(image_ + hss::kWindowAt, hs->window_ms);
+    hss::store(image_ + hss::kEntryCountAt, hs->n_entries);
+    uint32_t previous = 0;
+    for (uint32_t i = 0; i < hs->n_entries; ++i) {
+      hss::store(image_ + hss::offset_at(i), hs->offsets_ms[i] - previous);
+      previous = hs->offsets_ms[i];
+    }
+  }
+
+  bool write_entry(histogram_t *h, const histogram_t *prior, uint32_t *encoding) {
+    hss::HistogramPtr difference;
+    if (prior == nullptr) {
+      hist_remove_zeroes(h);
+    } else {
+      difference = worthwhile_difference(h, prior);
+    }
+    *encoding = difference != nullptr ? hss::kDifference : hss::kWhole;
+    uint8_t *after = write_histogram(at_, end_, difference != nullptr ? difference.get() : h);
+    if (after == nullptr) return false;
+    at_ = after;
+    return true;
+  }
+
+  uint8_t *image_;
+  const uint8_t *end_;
+  uint8_t *data_ = nullptr;
+  uint8_t *at_ = nullptr;
+};
+static_assert(HISTOGRAM_SERIES_MAX_IMAGE_BYTES <= hss::kEndMask, "every end fits its word");
+
+// Compresses the image at the start of `buff` and puts the result in its place, if it fits. Returns its length; 0 on
+// failure.
+size_t compress_in_place(uint8_t *buff, size_t image_len, size_t buff_len) {
+  const size_t bound = ruxo_lz4f_compress_bound(image_len);
+  const std::unique_ptr<void, Free> frame(malloc(bound));
+  if (frame == nullptr) return 0;
+  const size_t frame_len = ruxo_lz4f_compress(buff, image_len, frame.get(), bound);
+  if (frame_len <= buff_len) memcpy(buff, frame.get(), frame_len);
+  return frame_len;
+}
+
+// The bound for a series whose entries are all decoded.
+size_t max_size(const histogram_series_t *hs) {
+  size_t n_buckets = 0;
+  for (uint32_t i = 0; i < hs->n_entries; ++i) {
+    n_buckets += static_cast<size_t>(hist_bucket_count(hs->histograms[i]));  // 0 for null
+  }
+  return ruxo_lz4f_compress_bound(hss::kHeaderBytes + kEntryBytes * hs->n_entries + kBucketBytes * n_buckets);
+}
+
+bool has_damaged_entry(const histogram_series_t *hs) {
+  return std::count(hs->histograms, hs->histograms + hs->n_entries, nullptr) != 0;
+}
+
+}  // namespace
+
+extern "C" size_t histogram_series_serialize_maxsize(histogram_series_t *hs) {
+  if (hs == nullptr) return 0;
+  hss::decode_all(hs);
+  return max_size(hs);
+}
+
+extern "C" ruxo_boolean histogram_series_serialize(histogram_series_t *hs, void *buff, size_t buff_len,
+                                                   size_t *actual_size) {
+  *actual_size = 0;
+  if (hs == nullptr) return ruxo_false;
+  hss::decode_all(hs);
+  *actual_size = max_size(hs);
+  auto *image = static_cast<uint8_t *>(buff);
+  ImageWriter writer(image, buff_len);
+  const Written written = has_damaged_entry(hs) ? Written::never : writer.write(hs);
+  if (written == Written::buffer_too_small) return ruxo_false;
+  *actual_size = written == Written::yes ? compress_in_place(image, writer.len(), buff_len) : 0;
+  return *actual_size != 0;
+}
