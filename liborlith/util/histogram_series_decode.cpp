@@ -1,5 +1,7 @@
 // From an image to a series, and from an entry's data to its histogram.
+#include <algorithm>
 #include <cstdlib>
+#include <new>
 
 #include "liborlith/util/histogram_series_count_private.h"
 #include "liborlith/util/histogram_series_private.h"
@@ -12,56 +14,171 @@ struct Free {
 };
 
 // An entry's data, cut into its columns.
-struct Columns {
+struct Data {
   const uint8_t *exponents;
   const uint8_t *mantissas;
   const uint8_t *counts;
   const uint8_t *counts_end;
-  uint16_t n_buckets;
+  size_t n;
 };
 
 // False when the entry's words are not inside the image, run backwards, or leave no room for the columns.
-bool find_columns(const histogram_series_t *hs, uint32_t i, Columns *out) {
+bool find_data(const histogram_series_t *hs, uint32_t i, Data *out) {
   const size_t data_at = hss::data_start(hss::image_entries(hs));
   const size_t start = data_at + (i > 0 ? hss::word_of(hs, i - 1) & hss::kEndMask : 0);
   const size_t end = data_at + (hss::word_of(hs, i) & hss::kEndMask);
   if (end > hs->buff_len || start > end || end - start < hss::kBucketCountBytes) return false;
   const uint8_t *image = hss::image_of(hs);
   out->counts_end = image + end - hss::kBucketCountBytes;
-  out->n_buckets = hss::load<uint16_t>(out->counts_end);
+  out->n = hss::load<uint16_t>(out->counts_end);
   // A bucket has an exponent, a mantissa and a count of at least a byte.
-  if (end - start - hss::kBucketCountBytes < size_t{out->n_buckets} * 3) return false;
+  if (end - start - hss::kBucketCountBytes < out->n * 3) return false;
   out->exponents = image + start;
-  out->mantissas = out->exponents + out->n_buckets;
-  out->counts = out->mantissas + out->n_buckets;
+  out->mantissas = out->exponents + out->n;
+  out->counts = out->mantissas + out->n;
   return true;
 }
 
-// Null when a count ends too late, a bucket does not exist or is not behind the one before it, or when the counts
-// are not all there is.
-hss::HistogramPtr read_buckets(const Columns &columns) {
-  hss::HistogramPtr h(hist_alloc_bins(columns.n_buckets));
-  if (h == nullptr) return nullptr;
-  const uint8_t *at = columns.counts;
-  hist_bucket_t bucket{};
-  for (size_t i = 0; i < columns.n_buckets; ++i) {
-    const auto exponent = static_cast<int8_t>(columns.exponents[i]);
-    const bool repeats = i > 0 && exponent == bucket.exp;
-    const unsigned mantissa = columns.mantissas[i] + (repeats ? static_cast<uint8_t>(bucket.val) : 0u);
-    bucket = {.val = static_cast<int8_t>(mantissa), .exp = exponent};
-    int64_t count;
-    at = hss::hss_read_bvcount(at, columns.counts_end, &count);
-    if (at == nullptr) return nullptr;
-    if (hist_insert_raw_end(h.get(), bucket, static_cast<uint64_t>(count)) < 0) return nullptr;
+// Buckets being put together. Most histograms have few, and need no memory for it.
+class Buckets {
+ public:
+  // Room for so many; false when memory ran out.
+  bool reserve(size_t room) {
+    if (room <= kFew) return true;
+    many_codes_.reset(new (std::nothrow) hist_code_t[room]);
+    many_counts_.reset(new (std::nothrow) uint64_t[room]);
+    codes = many_codes_.get();
+    counts = many_counts_.get();
+    return codes != nullptr && counts != nullptr;
   }
-  return at == columns.counts_end ? std::move(h) : nullptr;
+  hss::HistogramPtr histogram() const {
+    return hss::HistogramPtr(hist_of_columns(codes, counts, static_cast<int>(n)));
+  }
+
+ private:
+  static constexpr size_t kFew = 512;
+  std::unique_ptr<hist_code_t[]> many_codes_;
+  std::unique_ptr<uint64_t[]> many_counts_;
+  hist_code_t few_codes_[kFew];
+  uint64_t few_counts_[kFew];
+
+ public:
+  hist_code_t *codes = few_codes_;
+  uint64_t *counts = few_counts_;
+  size_t n = 0;
+};
+
+bool is_bucket(hist_bucket_t bucket) {
+  const int val = bucket.val;
+  const bool is_bin = (val >= 10 && val <= 99) || (val <= -10 && val >= -99);
+  return is_bin || (bucket.exp == 0 && (val == 0 || val == -1));
 }
 
-hss::HistogramPtr add_difference(const histogram_t *prior, const histogram_t *difference) {
-  hss::HistogramPtr sum(hist_clone(prior));
-  if (sum == nullptr || hist_add_as_int64(sum.get(), &difference, 1) < 0) return nullptr;
-  hist_remove_zeroes(sum.get());
-  return sum;
+// False when a count ends too late, a bucket does not exist or is not behind the one before it, when the counts are not
+// all there is, or when memory ran out.
+bool read_buckets(const Data &data, Buckets &out) {
+  if (!out.reserve(data.n)) return false;
+  hist_bucket_t bucket{};
+  int before = -1;
+  for (size_t i = 0; i < data.n; ++i) {
+    const auto exponent = static_cast<int8_t>(data.exponents[i]);
+    const bool repeats = i > 0 && exponent == bucket.exp;
+    const unsigned mantissa = data.mantissas[i] + (repeats ? static_cast<uint8_t>(bucket.val) : 0u);
+    bucket = {.val = static_cast<int8_t>(mantissa), .exp = exponent};
+    if (!is_bucket(bucket)) return false;
+    const hist_code_t code = hist_code_of_bucket(bucket);
+    if (code <= before) return false;
+    before = code;
+    out.codes[i] = code;
+  }
+  const uint8_t *at = data.counts;
+  for (size_t i = 0; i < data.n; ++i) {
+    int64_t count;
+    at = hss::hss_read_bvcount(at, data.counts_end, &count);
+    if (at == nullptr) return false;
+    out.counts[i] = static_cast<uint64_t>(count);
+  }
+  out.n = data.n;
+  return at == data.counts_end;
+}
+
+// False when the sum leaves the range of a count: it is smaller than the count exactly when the change is negative, or
+// else it has wrapped.
+bool add_change(uint64_t count, uint64_t change, uint64_t *sum) {
+  *sum = count + change;
+  return (static_cast<int64_t>(change) < 0) == (*sum < count);
+}
+
+// Where `code` is among the `n` codes, more than none, or where it would belong; without a branch that depends on it,
+// so that the searches for several codes run side by side.
+size_t find_code(const hist_code_t *codes, size_t n, hist_code_t code) {
+  const hist_code_t *first = codes;
+  for (size_t left = n; left > 1;) {
+    const size_t half = left / 2;
+    first += static_cast<size_t>(first[half] <= code) * half;
+    left -= half;
+  }
+  return static_cast<size_t>(first - codes);
+}
+
+// Adds to the buckets that are there, the usual case. False when one of the difference is not, or when a count leaves
+// its range; some have been added to then.
+bool add_to_known(const Buckets &difference, Buckets &sum) {
+  if (sum.n == 0) return difference.n == 0;
+  bool good = true;
+  for (size_t k = 0; k < difference.n; ++k) {
+    const size_t at = find_code(sum.codes, sum.n, difference.codes[k]);
+    good &= sum.codes[at] == difference.codes[k];
+    good &= add_change(sum.counts[at], difference.counts[k], &sum.counts[at]);
+  }
+  return good;
+}
+
+bool add_by_merging(const histogram_t *prior, const Buckets &difference, Buckets &sum) {
+  const hist_code_t *codes = hist_codes(prior);
+  const uint64_t *counts = hist_counts(prior);
+  const auto n = static_cast<size_t>(hist_bucket_count(prior));
+  bool good = true;
+  sum.n = 0;
+  const auto put = [&](hist_code_t code, uint64_t count, uint64_t change) {
+    sum.codes[sum.n] = code;
+    good &= add_change(count, change, &sum.counts[sum.n]);
+    ++sum.n;
+  };
+  size_t i = 0;
+  for (size_t k = 0; k < difference.n; ++k) {
+    const hist_code_t code = difference.codes[k];
+    for (; i < n && codes[i] < code; ++i) put(codes[i], counts[i], 0);
+    const bool is_known = i < n && codes[i] == code;
+    put(code, is_known ? counts[i] : 0, difference.counts[k]);
+    i += is_known;
+  }
+  for (; i < n; ++i) put(codes[i], counts[i], 0);
+  return good;
+}
+
+void remove_zeroes(Buckets &buckets) {
+  if (std::find(buckets.counts, buckets.counts + buckets.n, 0) == buckets.counts + buckets.n) return;
+  size_t kept = 0;
+  for (size_t i = 0; i < buckets.n; ++i) {
+    buckets.codes[kept] = buckets.codes[i];
+    buckets.counts[kept] = buckets.counts[i];
+    kept += buckets.counts[i] != 0;
+  }
+  buckets.n = kept;
+}
+
+// What hist_add_as_int64() and hist_remove_zeroes() make of a copy of `prior`: false when a count leaves its range, or
+// when memory ran out.
+bool add_difference(const histogram_t *prior, const Buckets &difference, Buckets &sum) {
+  const auto n = static_cast<size_t>(hist_bucket_count(prior));
+  if (!sum.reserve(n + difference.n)) return false;
+  std::copy_n(hist_codes(prior), n, sum.codes);
+  std::copy_n(hist_counts(prior), n, sum.counts);
+  sum.n = n;
+  if (!add_to_known(difference, sum) && !add_by_merging(prior, difference, sum)) return false;
+  remove_zeroes(sum);
+  return true;
 }
 
 }  // namespace
@@ -70,11 +187,12 @@ hss::HistogramPtr hss::decode_entry(const histogram_series_t *hs, uint32_t i, co
   const uint32_t encoding = word_of(hs, i) & kEncodingMask;
   if (encoding != kWhole && encoding != kDifference) return nullptr;
   if (encoding == kDifference && prior == nullptr) return nullptr;
-  Columns columns;
-  if (!find_columns(hs, i, &columns)) return nullptr;
-  HistogramPtr h = read_buckets(columns);
-  if (h == nullptr || encoding == kWhole) return h;
-  return add_difference(prior, h.get());
+  Data data;
+  Buckets stored;
+  if (!find_data(hs, i, &data) || !read_buckets(data, stored)) return nullptr;
+  if (encoding == kWhole) return stored.histogram();
+  Buckets sum;
+  return add_difference(prior, stored, sum) ? sum.histogram() : nullptr;
 }
 
 // ---- The image

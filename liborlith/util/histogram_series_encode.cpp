@@ -1,6 +1,8 @@
 // From a series to its image.
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
+#include <new>
 
 #include "liborlith/util/histogram_series_count_private.h"
 #include "liborlith/util/histogram_series_private.h"
@@ -16,38 +18,110 @@ struct Free {
   void operator()(void *block) const { free(block); }
 };
 
+// The buckets of a histogram, or of a difference whose counts are signed.
+struct Columns {
+  const hist_code_t *codes;
+  const uint64_t *counts;
+  size_t n;
+};
+
+Columns columns_of(const histogram_t *h) {
+  return {hist_codes(h), hist_counts(h), static_cast<size_t>(hist_bucket_count(h))};
+}
+
+// Room for the difference of any two neighbours: for the buckets of both.
+class Scratch {
+ public:
+  // False when memory ran out.
+  bool reserve(const histogram_series_t *hs) {
+    size_t widest = 1;
+    for (uint32_t i = 0; i < hs->n_entries; ++i)
+      widest = std::max(widest, static_cast<size_t>(hist_bucket_count(hs->histograms[i])));
+    codes_.reset(new (std::nothrow) hist_code_t[2 * widest]);
+    counts_.reset(new (std::nothrow) uint64_t[2 * widest]);
+    return codes_ != nullptr && counts_ != nullptr;
+  }
+  hist_code_t *codes() { return codes_.get(); }
+  uint64_t *counts() { return counts_.get(); }
+
+ private:
+  std::unique_ptr<hist_code_t[]> codes_;
+  std::unique_ptr<uint64_t[]> counts_;
+};
+
+// What hist_subtract_as_int64() makes of `h` and `prior`, whose counts are read as Count and as PriorCount. False
+// when a difference does not fit into 64 signed bits.
+template <typename Count, typename PriorCount>
+bool subtract(const Columns &h, const Columns &prior, Scratch &scratch, Columns *difference) {
+  hist_code_t *const codes = scratch.codes();
+  uint64_t *const counts = scratch.counts();
+  size_t n = 0;
+  bool overflows = false;
+  const auto put = [&](hist_code_t code, Count count, PriorCount prior_count) __attribute__((always_inline)) {
+    int64_t change = 0;
+    overflows |= __builtin_sub_overflow(count, prior_count, &change);
+    codes[n] = code;
+    counts[n] = static_cast<uint64_t>(change);
+    n += change != 0;
+  };
+  size_t i = 0;
+  size_t k = 0;
+  while (i < h.n && k < prior.n) {
+    if (h.codes[i] == prior.codes[k]) {  // nearly always: the branches of this loop are foreseen
+      put(h.codes[i], static_cast<Count>(h.counts[i]), static_cast<PriorCount>(prior.counts[k]));
+      ++i, ++k;
+    } else if (h.codes[i] < prior.codes[k]) {
+      put(h.codes[i], static_cast<Count>(h.counts[i]), 0);
+      ++i;
+    } else {
+      put(prior.codes[k], 0, static_cast<PriorCount>(prior.counts[k]));
+      ++k;
+    }
+  }
+  for (; i < h.n; ++i) put(h.codes[i], static_cast<Count>(h.counts[i]), 0);
+  for (; k < prior.n; ++k) put(prior.codes[k], 0, static_cast<PriorCount>(prior.counts[k]));
+  *difference = {codes, counts, n};
+  return !overflows;
+}
+
 // The difference of `h` and the one before it, when it is worth storing: when it has fewer buckets.
-hss::HistogramPtr worthwhile_difference(const histogram_t *h, const histogram_t *prior) {
-  const int n_buckets = hist_bucket_count(h);
-  hss::HistogramPtr difference(hist_alloc_bins(n_buckets + hist_bucket_count(prior)));
-  if (difference == nullptr || hist_accumulate(difference.get(), &h, 1) < 0) return nullptr;
-  if (hist_subtract_as_int64(difference.get(), &prior, 1) < 0) return nullptr;
-  return hist_bucket_count(difference.get()) < n_buckets ? std::move(difference) : nullptr;
+bool find_difference(const histogram_t *h, const histogram_t *prior, Scratch &scratch, Columns *difference) {
+  const Columns current = columns_of(h);
+  const Columns before = columns_of(prior);
+  bool fits;
+  if (hist_is_difference(h)) {
+    fits = hist_is_difference(prior) ? subtract<int64_t, int64_t>(current, before, scratch, difference)
+                                     : subtract<int64_t, uint64_t>(current, before, scratch, difference);
+  } else {
+    fits = hist_is_difference(prior) ? subtract<uint64_t, int64_t>(current, before, scratch, difference)
+                                     : subtract<uint64_t, uint64_t>(current, before, scratch, difference);
+  }
+  return fits && difference->n < current.n;
 }
 
 // Writes the columns of a histogram and its bucket count at `at`; returns the place behind them, or null when they
 // do not fit before `end`.
-uint8_t *write_histogram(uint8_t *at, const uint8_t *end, const histogram_t *h) {
-  const auto n_buckets = static_cast<size_t>(hist_bucket_count(h));
+uint8_t *write_histogram(uint8_t *at, const uint8_t *end, const Columns &h) {
   static_assert(HIST_MAX_BUCKETS <= UINT16_MAX);
-  if (static_cast<size_t>(end - at) < 2 * n_buckets) return nullptr;
+  if (static_cast<size_t>(end - at) < 2 * h.n) return nullptr;
   uint8_t *exponents = at;
-  uint8_t *mantissas = at + n_buckets;
-  at = mantissas + n_buckets;
-  hist_bucket_t previous{};
-  for (size_t i = 0; i < n_buckets; ++i) {
-    hist_bucket_t bucket{};
-    uint64_t count = 0;
-    hist_bucket_at(h, static_cast<int>(i), &bucket, &count);
-    const bool repeats = i > 0 && bucket.exp == previous.exp;
+  uint8_t *mantissas = at + h.n;
+  int previous_exp = INT_MAX;
+  int previous_val = 0;
+  for (size_t i = 0; i < h.n; ++i) {
+    const hist_bucket_t bucket = hist_bucket_of_code(h.codes[i]);
     exponents[i] = static_cast<uint8_t>(bucket.exp);
-    mantissas[i] = static_cast<uint8_t>(bucket.val - (repeats ? previous.val : 0));
-    at = hss::hss_write_bvcount(at, end, static_cast<int64_t>(count));
+    mantissas[i] = static_cast<uint8_t>(bucket.val - (bucket.exp == previous_exp ? previous_val : 0));
+    previous_exp = bucket.exp;
+    previous_val = bucket.val;
+  }
+  at = mantissas + h.n;
+  for (size_t i = 0; i < h.n; ++i) {
+    at = hss::hss_write_bvcount(at, end, static_cast<int64_t>(h.counts[i]));
     if (at == nullptr) return nullptr;
-    previous = bucket;
   }
   if (static_cast<size_t>(end - at) < hss::kBucketCountBytes) return nullptr;
-  hss::store(at, static_cast<uint16_t>(n_buckets));
+  hss::store(at, static_cast<uint16_t>(h.n));
   return at + hss::kBucketCountBytes;
 }
 
@@ -62,6 +136,7 @@ class ImageWriter {
     const size_t data_at = hss::data_start(hs->n_entries);
     if (data_at > HISTOGRAM_SERIES_MAX_IMAGE_BYTES) return Written::never;
     if (static_cast<size_t>(end_ - image_) < data_at) return Written::buffer_too_small;
+    if (!scratch_.reserve(hs)) return Written::never;
     write_header(hs);
     data_ = at_ = image_ + data_at;
     uint32_t last_whole = 0;
@@ -92,19 +167,20 @@ class ImageWriter {
   }
 
   bool write_entry(histogram_t *h, const histogram_t *prior, uint32_t *encoding) {
-    hss::HistogramPtr difference;
-    if (prior == nullptr) {
-      hist_remove_zeroes(h);
-    } else {
-      difference = worthwhile_difference(h, prior);
+    Columns stored;
+    *encoding = hss::kDifference;
+    if (prior == nullptr) hist_remove_zeroes(h);
+    if (prior == nullptr || !find_difference(h, prior, scratch_, &stored)) {
+      *encoding = hss::kWhole;
+      stored = columns_of(h);
     }
-    *encoding = difference != nullptr ? hss::kDifference : hss::kWhole;
-    uint8_t *after = write_histogram(at_, end_, difference != nullptr ? difference.get() : h);
+    uint8_t *after = write_histogram(at_, end_, stored);
     if (after == nullptr) return false;
     at_ = after;
     return true;
   }
 
+  Scratch scratch_;
   uint8_t *image_;
   const uint8_t *end_;
   uint8_t *data_ = nullptr;
