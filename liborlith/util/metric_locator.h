@@ -19,6 +19,7 @@
 #include "ruxo/base.h"
 #include "ruxo/json.h"
 #include "ruxo/log.h"
+#include "vaskllhist/vaskllhist.h"
 
 RUXO_BEGIN_DECLS
 
@@ -291,6 +292,12 @@ RUXO_EXPORT void orlith_metric_locator_update_hist_withstream(orlith_metric_loca
 /* As orlith_metric_locator_last_text; where there is no holder a line goes to ml_debug_ls too. */
 RUXO_EXPORT int orlith_metric_locator_last_hist_b64(orlith_metric_locator_t *loc, uint64_t *whence_ms,
                                                     const char **b64);
+
+/* Writes the histogram's time, and the histogram, decoded, which the caller frees with hist_free(); null for one
+ * that is held as null. Returns 1. Returns 0 without a holder, writing nothing but a line to ml_debug_ls; and when
+ * it cannot be decoded, with null for the histogram and a line on ml_error_ls. No section is needed. */
+RUXO_EXPORT int orlith_metric_locator_last_hist(orlith_metric_locator_t *loc, uint64_t *whence_ms,
+                                                histogram_t **out);
 
 /* The kinds that the locator's type includes and that have no holder yet, as METRIC_TYPE_ bits. */
 RUXO_EXPORT orlith_metric_locator_metric_type_e

@@ -3,6 +3,7 @@
 // that could still read them.
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <utility>
 
@@ -10,6 +11,8 @@
 #include "liborlith/util/metric_locator.h"
 #include "liborlith/util/metric_locator_internal.h"
 #include "ruxo/memory.h"
+#include "ruxo/uuid.h"
+#include "vaskllhist/vaskllhist.h"
 
 namespace {
 
@@ -148,6 +151,22 @@ bool replace_text(Locator *loc, Holder *holder, uint64_t whence_ms, const char *
   return is_later;
 }
 
+// The histogram that the text tells, or null.
+histogram_t *decode_hist(const char *b64) {
+  histogram_t *decoded = hist_alloc();
+  if (decoded == nullptr) return nullptr;
+  if (hist_deserialize_b64(decoded, b64, strlen(b64)) >= 0) return decoded;
+  hist_free(decoded);
+  return nullptr;
+}
+
+void report_undecodable(const Locator *loc) {
+  char uuid[ORLITH_METRIC_LOCATOR_UUID_TEXT_SIZE];
+  ruxo_uuid_unparse_lower(loc->immutable->check_uuid, uuid);
+  ruxo_log(ml_error_ls, "%s: could not deserialize histogram for metric %s:%s\n",
+           "orlith_metric_locator_last_hist", uuid, orlith_metric_locator_get_name_with_tags(loc));
+}
+
 // Copies time and text pointer; the caller is in a section that keeps the text.
 template <class Holder>
 void read_text(Locator *loc, Holder *holder, uint64_t *whence_ms, const char **text) {
@@ -258,6 +277,22 @@ extern "C" int orlith_metric_locator_last_hist_b64(Locator *loc, uint64_t *whenc
   liborlith_assert(ruxo_memory_in_cs());
   read_text(loc, holder, whence_ms, b64);
   return 1;
+}
+
+extern "C" int orlith_metric_locator_last_hist(Locator *loc, uint64_t *whence_ms, histogram_t **out) {
+  last_hist_t *holder = load_holder(loc->last_h);
+  if (holder == nullptr) {
+    ruxo_log(ml_debug_ls, "Last hist, metric %s, no last found\n",
+             orlith_metric_locator_get_name_with_tags(loc));
+    return 0;
+  }
+  const Section section;  // keeps the text while it is decoded, without the lock
+  const char *b64 = nullptr;
+  read_text(loc, holder, whence_ms, &b64);
+  *out = b64 == nullptr ? nullptr : decode_hist(b64);
+  if (*out != nullptr || b64 == nullptr) return 1;
+  report_undecodable(loc);
+  return 0;
 }
 
 extern "C" orlith_metric_locator_metric_type_e orlith_metric_locator_last_missing(const Locator *loc) {

@@ -138,6 +138,14 @@ static void call_last_values(orlith_metric_locator_t *loc) {
   CHECK(orlith_metric_locator_last_hist_b64(loc, whence_ms, &text) == 1 && whence_ms[0] == 13);
   CHECK_TEXT(text, "AAEA");
   ruxo_memory_end();
+  histogram_t *hist = hist_alloc(), *last = NULL;
+  char b64[64];
+  CHECK(hist_insert(hist, 1.5, 3) == 0 && hist_serialize_b64(hist, b64, sizeof b64) > 0);
+  orlith_metric_locator_update_hist(loc, 14, b64, ruxo_false);
+  CHECK(orlith_metric_locator_last_hist(loc, whence_ms, &last) == 1 && whence_ms[0] == 14);
+  CHECK(hist_sample_count(last) == 3);
+  hist_free(last);
+  hist_free(hist);
   CHECK(orlith_metric_locator_last_missing(loc) == 0);
 }
 

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <map>
 #include <random>
@@ -13,8 +14,10 @@
 #include "liborlith/util/metric_locator.h"
 #include "liborlith/util/metric_locator_internal.h"
 #include "ruxo/memory.h"
+#include "test/support/faults.h"
 #include "test/support/locators.h"
 #include "test/support/log_capture.h"
+#include "vaskllhist/vaskllhist.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -379,6 +382,61 @@ TEST_F(MetricLocatorLast, AMissingTextIsNotReported) {
   EXPECT_THAT(debug.lines(), IsEmpty());
 }
 
+// A histogram of one bucket by its stored form, and what comes of it.
+TEST_F(MetricLocatorLast, AHistogramIsDecoded) {
+  histogram_t *h = hist_alloc();
+  ASSERT_EQ(hist_insert(h, 1.25, 7), 0);
+  char b64[64] = {};
+  ASSERT_GT(hist_serialize_b64(h, b64, sizeof b64), 0);
+  hist_free(h);
+  hist(50, b64);
+  uint64_t whence_ms = 0;
+  histogram_t *out = nullptr;
+  ASSERT_EQ(orlith_metric_locator_last_hist(loc.get(), &whence_ms, &out), 1) << "outside of any section";
+  EXPECT_EQ(whence_ms, 50U);
+  EXPECT_EQ(hist_sample_count(out), 7U);
+  EXPECT_EQ(hist_count_at(out, hist_bucket_of(1.25)), 7U);
+  hist_free(out);
+}
+
+TEST_F(MetricLocatorLast, ANullHistogramIsNull) {
+  hist(50, nullptr);
+  uint64_t whence_ms = 0;
+  histogram_t *out = hist_alloc();
+  histogram_t *const before = out;
+  EXPECT_EQ(orlith_metric_locator_last_hist(loc.get(), &whence_ms, &out), 1);
+  EXPECT_EQ(whence_ms, 50U);
+  EXPECT_EQ(out, nullptr);
+  hist_free(before);
+}
+
+TEST_F(MetricLocatorLast, AMissingHistogramToDecodeIsReportedToTheDebugStream) {
+  const LogCapture debug(&ml_debug_ls);
+  uint64_t whence_ms = 5;
+  histogram_t *out = nullptr;
+  EXPECT_EQ(orlith_metric_locator_last_hist(loc.get(), &whence_ms, &out), 0);
+  EXPECT_EQ(whence_ms, 5U);
+  EXPECT_THAT(debug.lines(), ElementsAre("Last hist, metric cpu|ST[a:1], no last found\n"));
+}
+
+TEST_F(MetricLocatorLast, AHistogramThatDoesNotDecodeIsReported) {
+  for (const char *bad : {"", "no base64", "AAA=", "////"}) {
+    const LogCapture errors(&ml_error_ls);
+    const LocatorPtr fresh = make_locator("cpu|ST[a:1]");
+    orlith_metric_locator_update_hist(fresh.get(), 50, bad, ruxo_true);
+    uint64_t whence_ms = 0;
+    histogram_t *out = hist_alloc();
+    histogram_t *const before = out;
+    EXPECT_EQ(orlith_metric_locator_last_hist(fresh.get(), &whence_ms, &out), 0) << bad;
+    EXPECT_EQ(whence_ms, 50U);
+    EXPECT_EQ(out, nullptr);
+    EXPECT_THAT(errors.lines(),
+                ElementsAre("orlith_metric_locator_last_hist: could not deserialize histogram for metric "
+                            "4c1f2a3b-0011-4d22-8e33-9a44bb55cc66:cpu|ST[a:1]\n"));
+    hist_free(before);
+  }
+}
+
 // ---- What is missing
 
 TEST_F(MetricLocatorLast, MissingAreTheKindsOfTheTypeWithoutAHolder) {
@@ -394,6 +452,32 @@ TEST_F(MetricLocatorLast, MissingAreTheKindsOfTheTypeWithoutAHolder) {
     const LocatorPtr fresh = make_locator("x", static_cast<uint16_t>(type));
     EXPECT_EQ(orlith_metric_locator_last_missing(fresh.get()), type);
   }
+}
+
+// ---- Without memory
+
+TEST_F(MetricLocatorLast, AFirstUpdateWithoutMemoryIsDropped) {
+  {
+    const faults::Fail no_memory(faults::Call::calloc, ENOMEM);
+    number(1, 1);
+    text(1, "t");
+    hist(1, "h");
+  }
+  EXPECT_EQ(numbers(), "none");
+  EXPECT_EQ(last_text(), "none");
+  EXPECT_EQ(last_b64(), "none");
+}
+
+TEST_F(MetricLocatorLast, ATextWithoutMemoryLeavesTheOneThatIsHeld) {
+  text(1, "t");
+  hist(1, "h");
+  {
+    const faults::Fail no_memory(faults::Call::malloc, ENOMEM);
+    text(2, "u");
+    hist(2, "i");
+  }
+  EXPECT_EQ(last_text(), "1:t");
+  EXPECT_EQ(last_b64(), "1:h");
 }
 
 // ---- Lifetime (the leak checker holds these)
