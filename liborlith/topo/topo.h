@@ -309,6 +309,23 @@ RUXO_EXPORT int ring_apply(topo_config *tc, void *thunk,
                            int (*f)(topo_config *, host_config *, unsigned short idx, uint8_t *location,
                                     double percent, void *thunk));
 
+/* ---- The topology file: DIR/SIGNATURE, DIR being what the configuration has at
+ * "/orlith/topology/@path|/orlith/include/topology/@path", from the folder of the configuration file unless it is
+ * absolute; without it that folder itself. doc/topology.md shows the file. ---- */
+
+/* The path of the file of that signature (64 hex characters), if there is one; the caller frees it. Null when there
+ * is none, when there is no configuration to tell, and for a path of 4096 bytes and more. Any thread. */
+RUXO_EXPORT char *topo_find_topo_file(const char *hex_signature);
+/* Rewrites the topology's file, which must be there, from the compiled topology. Returns 0; -1 when there is no file
+ * to replace, or when it cannot be replaced: then it is as it was. Everything up to the new file is on disk when it
+ * returns; a crash at any point leaves the old or the new file, complete. Host names become addresses, and
+ * "use_tls" is not written; the file compiles to the same signature. A write that fails or comes up short stops the
+ * process. Any thread, one at a time; of several processes only one may save. */
+RUXO_EXPORT int topo_save(topo_config *tc);
+/* Writes one node's entry to the descriptor that `c`, an int *, points to. Returns 1; 0, writing nothing, for a side
+ * that is none. A write that fails or comes up short stops the process. For topo_apply(). */
+RUXO_EXPORT int topo_write_entry(topo_config *tc, host_config *hc, void *c);
+
 RUXO_END_DECLS
 
 #endif

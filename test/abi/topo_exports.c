@@ -1,9 +1,13 @@
 #include "liborlith/topo/topo.h"
 
+#include <fcntl.h>
 #include <libxml/parser.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include "liborlith/util/metric_locator.h"
+#include "ruxo/conf.h"
 #include "test/abi/abi_checks.h"
 
 #define NODE(last_digit, port)                                \
@@ -127,6 +131,29 @@ static void call_lifecycle(topo_config *tc, topo_config *next) {
   CHECK(topo_activate_next(next) == 0 && topo_next_active() == next && topo_target() == next);
 }
 
+static void call_file(topo_config *tc) {
+  static const char configuration[] = "<orlith><topology path=\"\"/></orlith>";
+  char folder[3000], conf[3016];
+  CHECK(getcwd(folder, sizeof folder) != NULL);
+  snprintf(conf, sizeof conf, "%s/node.conf", folder);
+  CHECK(ruxo_conf_load_text(configuration, strlen(configuration), conf, NULL) == 0);
+  CHECK(topo_find_topo_file(tc->hex_signature) == NULL && topo_save(tc) == -1);
+  abi_write_file(tc->hex_signature, "old");
+  char *path = topo_find_topo_file(tc->hex_signature);
+  CHECK(path != NULL && strstr(path, tc->hex_signature) != NULL);
+  CHECK(topo_save(tc) == 0);
+  struct _xmlDoc *doc = topo_parse_document_file(path, NULL);
+  topo_config *again = topo_compile(doc, tc->hex_signature, NULL);
+  CHECK(again != NULL);
+  topo_free(again);
+  xmlFreeDoc(doc);
+  free(path);
+  int fd = open("/dev/null", O_WRONLY);
+  CHECK(topo_write_entry(tc, &tc->hc[0], &fd) == 1);
+  close(fd);
+  ruxo_conf_unload();
+}
+
 static void call_ending(topo_config *next) {
   static unsigned char temporary[16] = {1};
   CHECK(topo_transition() == 0 && topo_active() == next && topo_next_active() == NULL);
@@ -151,6 +178,7 @@ void call_topo(void) {
   call_placement_on_active(tc, locator);
   call_nodes(tc);
   topo_retain(next);
+  call_file(tc);
   call_ending(next);
   orlith_metric_locator_deref(locator);
 }
