@@ -1,5 +1,6 @@
 // From an image to a series, and from an entry's data to its histogram.
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <new>
 
@@ -109,29 +110,28 @@ bool add_change(uint64_t count, uint64_t change, uint64_t *sum) {
   return (static_cast<int64_t>(change) < 0) == (*sum < count);
 }
 
-// Where `code` is among the `n` codes, more than none, or where it would belong; without a branch that depends on it,
-// so that the searches for several codes run side by side.
-size_t find_code(const hist_code_t *codes, size_t n, hist_code_t code) {
-  const hist_code_t *first = codes;
-  for (size_t left = n; left > 1;) {
-    const size_t half = left / 2;
-    first += static_cast<size_t>(first[half] <= code) * half;
-    left -= half;
-  }
-  return static_cast<size_t>(first - codes);
-}
-
 // Adds to the buckets that are there, the usual case. False when one of the difference is not, or when a count leaves
 // its range; some have been added to then.
 bool add_to_known(const Buckets &difference, Buckets &sum) {
-  if (sum.n == 0) return difference.n == 0;
+  if (sum.n == 0 || difference.n == 0) return difference.n == 0;
+  if (difference.codes[0] < sum.codes[0]) return false;
+  const hist_code_t *at = sum.codes;
+  const hist_code_t *const last = at + sum.n - 1;
   bool good = true;
   for (size_t k = 0; k < difference.n; ++k) {
-    const size_t at = find_code(sum.codes, sum.n, difference.codes[k]);
-    good &= sum.codes[at] == difference.codes[k];
-    good &= add_change(sum.counts[at], difference.counts[k], &sum.counts[at]);
+    const hist_code_t code = difference.codes[k];
+    // It is at most as many places ahead as the codes are apart, since they ascend, and exactly as many where no
+    // bucket is missing in between; where some are, it is mostly near.
+    const auto apart = static_cast<std::ptrdiff_t>(code - *at);
+    const hist_code_t *ahead = at + std::min(apart, last - at);
+    if (*ahead == code) at = ahead;
+    while (at != ahead && *at < code) ++at;
+    good &= *at == code;
+    uint64_t &count = sum.counts[at - sum.codes];
+    good &= add_change(count, difference.counts[k], &count);
+    if (!good) return false;
   }
-  return good;
+  return true;
 }
 
 bool add_by_merging(const histogram_t *prior, const Buckets &difference, Buckets &sum) {

@@ -49,39 +49,76 @@ class Scratch {
   std::unique_ptr<uint64_t[]> counts_;
 };
 
+// The counts of one column less those of another, without the zeros.
+template <typename Count, typename PriorCount>
+class Changes {
+ public:
+  explicit Changes(Scratch &scratch) : codes_(scratch.codes()), counts_(scratch.counts()) {}
+
+  // The columns have the same codes. The loop has no branch, since which counts have changed cannot be foreseen.
+  void subtract_in_step(const Columns &h, const Columns &prior) {
+    const hist_code_t *const codes = h.codes;
+    hist_code_t *const out_codes = codes_;
+    uint64_t *const out_counts = counts_;
+    size_t n = 0;
+    bool overflows = false;
+    for (size_t i = 0; i < h.n; ++i) {
+      int64_t change;
+      overflows |= __builtin_sub_overflow(static_cast<Count>(h.counts[i]),
+                                          static_cast<PriorCount>(prior.counts[i]), &change);
+      out_codes[n] = codes[i];
+      out_counts[n] = static_cast<uint64_t>(change);
+      n += change != 0;
+    }
+    n_ = n;
+    overflows_ = overflows;
+  }
+
+  void subtract_by_merging(const Columns &h, const Columns &prior) {
+    size_t i = 0;
+    size_t k = 0;
+    while (i < h.n || k < prior.n) {
+      const bool has_h = i < h.n && (k == prior.n || h.codes[i] <= prior.codes[k]);
+      const bool has_prior = k < prior.n && (i == h.n || prior.codes[k] <= h.codes[i]);
+      put(has_h ? h.codes[i] : prior.codes[k], has_h ? h.counts[i] : 0, has_prior ? prior.counts[k] : 0);
+      i += has_h;
+      k += has_prior;
+    }
+  }
+
+  // False when a difference does not fit into 64 signed bits.
+  bool finish(Columns *difference) const {
+    *difference = {codes_, counts_, n_};
+    return !overflows_;
+  }
+
+ private:
+  void put(hist_code_t code, uint64_t count, uint64_t prior_count) {
+    int64_t change;
+    overflows_ |=
+        __builtin_sub_overflow(static_cast<Count>(count), static_cast<PriorCount>(prior_count), &change);
+    codes_[n_] = code;
+    counts_[n_] = static_cast<uint64_t>(change);
+    n_ += change != 0;
+  }
+
+  hist_code_t *codes_;
+  uint64_t *counts_;
+  size_t n_ = 0;
+  bool overflows_ = false;
+};
+
 // What hist_subtract_as_int64() makes of `h` and `prior`, whose counts are read as Count and as PriorCount. False
 // when a difference does not fit into 64 signed bits.
 template <typename Count, typename PriorCount>
 bool subtract(const Columns &h, const Columns &prior, Scratch &scratch, Columns *difference) {
-  hist_code_t *const codes = scratch.codes();
-  uint64_t *const counts = scratch.counts();
-  size_t n = 0;
-  bool overflows = false;
-  const auto put = [&](hist_code_t code, Count count, PriorCount prior_count) __attribute__((always_inline)) {
-    int64_t change = 0;
-    overflows |= __builtin_sub_overflow(count, prior_count, &change);
-    codes[n] = code;
-    counts[n] = static_cast<uint64_t>(change);
-    n += change != 0;
-  };
-  size_t i = 0;
-  size_t k = 0;
-  while (i < h.n && k < prior.n) {
-    if (h.codes[i] == prior.codes[k]) {  // nearly always: the branches of this loop are foreseen
-      put(h.codes[i], static_cast<Count>(h.counts[i]), static_cast<PriorCount>(prior.counts[k]));
-      ++i, ++k;
-    } else if (h.codes[i] < prior.codes[k]) {
-      put(h.codes[i], static_cast<Count>(h.counts[i]), 0);
-      ++i;
-    } else {
-      put(prior.codes[k], 0, static_cast<PriorCount>(prior.counts[k]));
-      ++k;
-    }
+  Changes<Count, PriorCount> changes(scratch);
+  if (h.n == prior.n && std::equal(h.codes, h.codes + h.n, prior.codes)) {
+    changes.subtract_in_step(h, prior);
+  } else {
+    changes.subtract_by_merging(h, prior);
   }
-  for (; i < h.n; ++i) put(h.codes[i], static_cast<Count>(h.counts[i]), 0);
-  for (; k < prior.n; ++k) put(prior.codes[k], 0, static_cast<PriorCount>(prior.counts[k]));
-  *difference = {codes, counts, n};
-  return !overflows;
+  return changes.finish(difference);
 }
 
 // The difference of `h` and the one before it, when it is worth storing: when it has fewer buckets.
