@@ -175,6 +175,57 @@ TEST(HistogramSeriesImage, CountsThatLoseBitsComeBackWithoutThem) {
   EXPECT_EQ(counts_of(histogram_series_at(back.get(), 0)), (Counts{{{10, 0}, 0x12345678}, {{11, 0}, 5}}));
 }
 
+TEST(HistogramSeriesImage, CountsOfDifferencesAreSigned) {
+  // A histogram that hist_subtract_as_int64() made: (10, 0) -3, (20, 0) 4, (30, 0) 1.
+  const auto negative = [] {
+    histogram_t *h = histogram_of({{{10, 0}, 2}, {{20, 0}, 5}, {{30, 0}, 2}});
+    histogram_t *less = histogram_of({{{10, 0}, 5}, {{20, 0}, 1}, {{30, 0}, 1}});
+    EXPECT_EQ(hist_subtract_as_int64(h, &less, 1), 0);
+    hist_free(less);
+    return h;
+  };
+  const Counts signed_counts = {{{10, 0}, -3}, {{20, 0}, 4}, {{30, 0}, 1}};
+  const Counts plain = {{{10, 0}, 2}, {{20, 0}, 4}, {{30, 0}, 1}};
+  const Series hs(histogram_series_alloc(0, 1000000));
+  histogram_series_add(hs.get(), 0, histogram_of(plain), true);
+  histogram_series_add(hs.get(), 1, negative(), true);
+  histogram_series_add(hs.get(), 2, negative(), true);
+  histogram_series_add(hs.get(), 3, histogram_of(plain), true);
+  const Bytes image = decompressed(serialized(hs.get()));
+  EXPECT_EQ(image, model_image({{0, plain}, {1, signed_counts}, {2, signed_counts}, {3, plain}}));
+  EXPECT_THAT(encodings_of(image), ElementsAre(kWhole, kDifference, kDifference, kDifference));
+}
+
+TEST(HistogramSeriesImage, ADifferenceBeyond64SignedBitsIsNotUsed) {
+  const Counts small = {{{10, 0}, 1}, {{20, 0}, 1}};
+  const Counts large = {{{10, 0}, -1}, {{20, 0}, 1}};  // 2^64 - 1 of them
+  const Series hs = series_of({{0, small}, {1, large}, {2, small}});
+  const Bytes image = decompressed(serialized(hs.get()));
+  EXPECT_THAT(encodings_of(image), ElementsAre(kWhole, kWhole, kWhole));
+  const Series back = read_image(image);
+  EXPECT_EQ(counts_of(histogram_series_at(back.get(), 1)), large);
+}
+
+TEST(HistogramSeriesImage, EveryBucketThereIsComesBack) {
+  Counts counts;
+  for (int exp = -128; exp <= 127; ++exp)
+    for (int val = 10; val <= 99; ++val) counts[{val, exp}] = counts[{-val, exp}] = val;
+  counts[{0, 0}] = counts[{-1, 0}] = 7;
+  ASSERT_EQ(counts.size(), size_t{HIST_MAX_BUCKETS});
+  Model model = {{0, counts}};
+  ++counts[{-1, 0}];
+  model[1] = counts;
+  counts.erase({0, 0});
+  model[2] = counts;
+  const Bytes image = decompressed(serialized(series_of(model).get()));
+  EXPECT_EQ(image, model_image(model));
+  EXPECT_THAT(encodings_of(image), ElementsAre(kWhole, kDifference, kDifference));
+  const Series back = read_image(image);
+  for (const auto &[offset, expected] : model) {
+    EXPECT_EQ(counts_of(histogram_series_at(back.get(), offset)), expected);
+  }
+}
+
 // ---- Buffers
 
 TEST(HistogramSeriesSerialize, MaxsizeIsTheBoundOfTheLargestImage) {
@@ -449,6 +500,22 @@ TEST(HistogramSeriesDamage, ADifferenceBelowZeroIsDamage) {
   EXPECT_TRUE(is_sound(hs, 1));
   EXPECT_EQ(hist_bucket_count(hs->histograms[1]), 0) << "the bucket that became zero is removed";
   EXPECT_FALSE(is_sound(hs, 2));
+}
+
+TEST(HistogramSeriesDamage, ADifferenceMayBringNewBucketsAndTakeAllAway) {
+  Image image;
+  image.add(1, kWhole, entry_data({{{20, 0}, 1}, {{40, 0}, 1}}));
+  image.add(1, kDifference, entry_data({{{10, 0}, 1}, {{30, 0}, 2}, {{40, 0}, -1}, {{50, 0}, 3}}));
+  image.add(1, kDifference, entry_data({{{10, 0}, -1}, {{20, 0}, -1}, {{30, 0}, -2}, {{50, 0}, -3}}));
+  image.add(1, kDifference, entry_data({{{10, 0}, 0}, {{11, 0}, 5}}));
+  image.add(1, kDifference, entry_data({{{99, 0}, -1}}));
+  const Series hs = read_image(image.bytes());
+  EXPECT_EQ(counts_of(histogram_series_at(hs.get(), 2)),
+            (Counts{{{10, 0}, 1}, {{20, 0}, 1}, {{30, 0}, 2}, {{50, 0}, 3}}));
+  EXPECT_TRUE(is_sound(hs, 2));
+  EXPECT_EQ(hist_bucket_count(hs->histograms[2]), 0);
+  EXPECT_EQ(counts_of(histogram_series_at(hs.get(), 4)), (Counts{{{11, 0}, 5}}));
+  EXPECT_FALSE(is_sound(hs, 4)) << "less than nothing";
 }
 
 TEST(HistogramSeriesDamage, OffsetsThatDoNotAscendAreFoundOrNot) {
