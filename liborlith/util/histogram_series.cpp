@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 #include "liborlith/liborlith_fatal.h"
 #include "liborlith/util/histogram_series_private.h"
@@ -35,7 +34,7 @@ void free_contents(histogram_series_t *hs) {
 // New arrays of `slots`, empty, in place of all that the series holds. False, changing nothing, when memory ran
 // out.
 bool start_arrays(histogram_series_t *hs, uint32_t slots) {
-  auto *histograms = static_cast<histogram_t **>(malloc(slots * sizeof(*hs->histograms)));
+  auto *histograms = static_cast<histogram_t **>(malloc(slots * sizeof(void *)));
   auto *offsets_ms = static_cast<uint32_t *>(malloc(slots * sizeof(*hs->offsets_ms)));
   if (histograms == nullptr || offsets_ms == nullptr) {
     free(histograms);
@@ -53,8 +52,8 @@ bool start_arrays(histogram_series_t *hs, uint32_t slots) {
 }
 
 template <typename Slot>
-bool resize(Slot *&array, uint32_t slots) {
-  auto *resized = static_cast<Slot *>(realloc(array, slots * sizeof(Slot)));
+bool resize(Slot *&array, size_t bytes) {
+  auto *resized = static_cast<Slot *>(realloc(array, bytes));
   if (resized == nullptr) return false;
   array = resized;
   return true;
@@ -65,7 +64,8 @@ bool make_room(histogram_series_t *hs) {
   if (hs->n_entries < hs->n_alloc) return true;
   // Not reached with no slots: the first add has made some.
   const uint32_t slots = hs->n_alloc + std::max(hs->n_alloc / 2, 1U);
-  if (!resize(hs->histograms, slots) || !resize(hs->offsets_ms, slots)) return false;
+  if (!resize(hs->histograms, slots * sizeof(void *))) return false;
+  if (!resize(hs->offsets_ms, slots * sizeof(*hs->offsets_ms))) return false;
   hs->n_alloc = slots;
   return true;
 }
@@ -90,9 +90,9 @@ bool accumulate_into(histogram_series_t *hs, uint32_t i, histogram_t *h, bool gi
 
 // Puts a histogram that is the series' own at index `at`, moving the rest up.
 void place(histogram_series_t *hs, uint32_t at, uint32_t offset_ms, histogram_t *own) {
-  const size_t moved = hs->n_entries - at;
-  memmove(hs->histograms + at + 1, hs->histograms + at, moved * sizeof(*hs->histograms));
-  memmove(hs->offsets_ms + at + 1, hs->offsets_ms + at, moved * sizeof(*hs->offsets_ms));
+  const uint32_t n = hs->n_entries;
+  std::copy_backward(hs->histograms + at, hs->histograms + n, hs->histograms + n + 1);
+  std::copy_backward(hs->offsets_ms + at, hs->offsets_ms + n, hs->offsets_ms + n + 1);
   hs->histograms[at] = own;
   hs->offsets_ms[at] = offset_ms;
   ++hs->n_entries;

@@ -10,10 +10,6 @@
 
 namespace {
 
-struct Free {
-  void operator()(void *block) const { free(block); }
-};
-
 // An entry's data, cut into its columns.
 struct Data {
   const uint8_t *exponents;
@@ -70,9 +66,9 @@ class Buckets {
 };
 
 bool is_bucket(hist_bucket_t bucket) {
-  const int val = bucket.val;
-  const bool is_bin = (val >= 10 && val <= 99) || (val <= -10 && val >= -99);
-  return is_bin || (bucket.exp == 0 && (val == 0 || val == -1));
+  const bool is_positive = bucket.val >= 10 && bucket.val <= 99;
+  const bool is_negative = bucket.val <= -10 && bucket.val >= -99;
+  return is_positive || is_negative || (bucket.exp == 0 && (bucket.val == 0 || bucket.val == -1));
 }
 
 // False when a count ends too late, a bucket does not exist or is not behind the one before it, when the counts are not
@@ -117,7 +113,6 @@ bool add_to_known(const Buckets &difference, Buckets &sum) {
   if (difference.codes[0] < sum.codes[0]) return false;
   const hist_code_t *at = sum.codes;
   const hist_code_t *const last = at + sum.n - 1;
-  bool good = true;
   for (size_t k = 0; k < difference.n; ++k) {
     const hist_code_t code = difference.codes[k];
     // It is at most as many places ahead as the codes are apart, since they ascend, and exactly as many where no
@@ -126,10 +121,8 @@ bool add_to_known(const Buckets &difference, Buckets &sum) {
     const hist_code_t *ahead = at + std::min(apart, last - at);
     if (*ahead == code) at = ahead;
     while (at != ahead && *at < code) ++at;
-    good &= *at == code;
     uint64_t &count = sum.counts[at - sum.codes];
-    good &= add_change(count, difference.counts[k], &count);
-    if (!good) return false;
+    if (*at != code || !add_change(count, difference.counts[k], &count)) return false;
   }
   return true;
 }
@@ -220,7 +213,7 @@ bool is_image(const uint8_t *image, size_t len) {
 // Arrays for the entries of an image, none of them decoded. False when memory ran out.
 bool fill_entries(histogram_series_t *hs, uint32_t n_entries) {
   if (n_entries == 0) return true;
-  hs->histograms = static_cast<histogram_t **>(malloc(n_entries * sizeof(*hs->histograms)));
+  hs->histograms = static_cast<histogram_t **>(malloc(n_entries * sizeof(void *)));
   hs->offsets_ms = static_cast<uint32_t *>(malloc(n_entries * sizeof(*hs->offsets_ms)));
   if (hs->histograms == nullptr || hs->offsets_ms == nullptr) return false;
   hs->n_entries = n_entries;
@@ -241,7 +234,7 @@ extern "C" histogram_series_t *histogram_series_deserialize(const void *buff, si
   if (ruxo_lz4f_decompress(buff, buff_len, HISTOGRAM_SERIES_MAX_IMAGE_BYTES, &block, &len) != RUXO_LZ4F_OK) {
     return nullptr;
   }
-  std::unique_ptr<void, Free> owner(block);
+  std::unique_ptr<void, hss::Free> owner(block);
   const auto *image = static_cast<const uint8_t *>(block);
   if (!is_image(image, len)) return nullptr;
   histogram_series_t *hs = histogram_series_alloc(hss::load<uint64_t>(image + hss::kBaseAt),

@@ -1,6 +1,5 @@
 // From a series to its image.
 #include <algorithm>
-#include <climits>
 #include <cstdlib>
 #include <new>
 
@@ -13,10 +12,6 @@ namespace {
 // What an entry and a bucket take at most, as the bound on the image counts them.
 constexpr size_t kEntryBytes = hss::kIndexBytesPerEntry + hss::kBucketCountBytes;
 constexpr size_t kBucketBytes = 2 + hss::kMaxCountBytes;
-
-struct Free {
-  void operator()(void *block) const { free(block); }
-};
 
 // The buckets of a histogram, or of a difference whose counts are signed.
 struct Columns {
@@ -143,14 +138,13 @@ uint8_t *write_histogram(uint8_t *at, const uint8_t *end, const Columns &h) {
   if (static_cast<size_t>(end - at) < 2 * h.n) return nullptr;
   uint8_t *exponents = at;
   uint8_t *mantissas = at + h.n;
-  int previous_exp = INT_MAX;
-  int previous_val = 0;
+  hist_bucket_t previous{};
   for (size_t i = 0; i < h.n; ++i) {
     const hist_bucket_t bucket = hist_bucket_of_code(h.codes[i]);
+    const bool repeats = i > 0 && bucket.exp == previous.exp;
     exponents[i] = static_cast<uint8_t>(bucket.exp);
-    mantissas[i] = static_cast<uint8_t>(bucket.val - (bucket.exp == previous_exp ? previous_val : 0));
-    previous_exp = bucket.exp;
-    previous_val = bucket.val;
+    mantissas[i] = static_cast<uint8_t>(bucket.val - (repeats ? previous.val : 0));
+    previous = bucket;
   }
   at = mantissas + h.n;
   for (size_t i = 0; i < h.n; ++i) {
@@ -229,7 +223,7 @@ static_assert(HISTOGRAM_SERIES_MAX_IMAGE_BYTES <= hss::kEndMask, "every end fits
 // failure.
 size_t compress_in_place(uint8_t *buff, size_t image_len, size_t buff_len) {
   const size_t bound = ruxo_lz4f_compress_bound(image_len);
-  const std::unique_ptr<void, Free> frame(malloc(bound));
+  const std::unique_ptr<void, hss::Free> frame(malloc(bound));
   if (frame == nullptr) return 0;
   const size_t frame_len = ruxo_lz4f_compress(buff, image_len, frame.get(), bound);
   if (frame_len <= buff_len) memcpy(buff, frame.get(), frame_len);

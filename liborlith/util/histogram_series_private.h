@@ -13,6 +13,7 @@
 
 #include <bit>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -56,6 +57,9 @@ constexpr size_t word_at(uint32_t n_entries, uint32_t i) {
   return kHeaderBytes + sizeof(uint32_t) * (size_t{n_entries} + i);
 }
 
+struct Free {
+  void operator()(void *block) const { free(block); }
+};
 struct HistogramFree {
   void operator()(histogram_t *h) const { hist_free(h); }
 };
