@@ -54,6 +54,7 @@ int main(void) {
   call_metric_name();
   call_oil();
   call_join();
+  call_art_tree();
   call_vask_move();
   call_metric_locator();
   call_histogram_line();

@@ -1,0 +1,254 @@
+// What the sources of the radix tree share: cells by their pins, look-up of children, paths, and a stack for walks.
+//
+//   vask_art.cpp         life of a tree, ends, the entries that write
+//   vask_art_search.cpp  look-up
+//   vask_art_insert.cpp  new keys: leaves, splits, growth
+//   vask_art_delete.cpp  removed keys: shrinking, joining of paths
+//   vask_art_iter.cpp    in order;   vask_art_iter_bfsp.cpp  level by level
+//
+// A *path* is the bytes that all keys below a node share there, of which the node holds the first ten. A *depth*
+// counts the bytes of a key that lie above. Paths are compared on the way down as far as they are stored; whoever acts
+// on a key below one must compare the rest with a leaf.
+#ifndef LIBORLITH_UTIL_VASK_ART_PRIVATE_H
+#define LIBORLITH_UTIL_VASK_ART_PRIVATE_H
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "liborlith/util/vask_art.h"
+#include "liborlith/util/vask_art_simd_private.h"
+
+namespace liborlith {
+
+inline constexpr uint32_t kStoredPath = VASK_ART_MAX_PREFIX_LEN;
+
+// A node of a type that does not exist: the tree is damaged. Fatal.
+[[noreturn]] void unknown_node_type(const vask_art_node *node);
+
+// A key as the entries take it.
+struct Key {
+  const unsigned char *bytes;
+  size_t len;
+
+  Key(const unsigned char *key, int key_len) noexcept
+      : bytes(key), len(key_len > 0 ? static_cast<size_t>(key_len) : 0) {}
+  // The byte that leads on at a depth. Only a key that is a prefix of another, or seems to be one while paths are not
+  // compared whole, gets behind its end; zero is taken to follow there.
+  uint8_t at(size_t depth) const noexcept { return depth < len ? bytes[depth] : uint8_t{0}; }
+  size_t left(size_t depth) const noexcept { return depth < len ? len - depth : 0; }
+};
+
+// ---- cells ----
+
+inline vask_art_node *node_at(uintptr_t base, vask_art_pin pin) noexcept {
+  return reinterpret_cast<vask_art_node *>(base + pin);
+}
+inline vask_art_leaf *leaf_at(uintptr_t base, vask_art_pin pin) noexcept {
+  return reinterpret_cast<vask_art_leaf *>((base + pin) & ~uintptr_t{1});
+}
+inline vask_art_pin pin_of(uintptr_t base, const void *cell) noexcept {
+  return reinterpret_cast<uintptr_t>(cell) - base;
+}
+
+inline vask_art_node4 *node4(vask_art_node *n) noexcept {
+  return reinterpret_cast<vask_art_node4 *>(n);
+}
+inline vask_art_node16 *node16(vask_art_node *n) noexcept {
+  return reinterpret_cast<vask_art_node16 *>(n);
+}
+inline vask_art_node48 *node48(vask_art_node *n) noexcept {
+  return reinterpret_cast<vask_art_node48 *>(n);
+}
+inline vask_art_node256 *node256(vask_art_node *n) noexcept {
+  return reinterpret_cast<vask_art_node256 *>(n);
+}
+
+inline size_t node_size(const vask_art_node *n) noexcept {
+  switch (n->type) {
+    case NODE4:
+      return sizeof(vask_art_node4);
+    case NODE16:
+      return sizeof(vask_art_node16);
+    case NODE48:
+      return sizeof(vask_art_node48);
+    case NODE256:
+      return sizeof(vask_art_node256);
+    default:
+      unknown_node_type(n);
+  }
+}
+
+inline uint32_t stored_path_len(const vask_art_node *n) noexcept {
+  return std::min(n->partial_len, kStoredPath);
+}
+
+// Takes a cell from the tree's hooks, all zero.
+void *alloc_cell(const vask_art_tree *t, size_t len) noexcept;
+void free_cell(const vask_art_tree *t, void *cell) noexcept;
+vask_art_node *alloc_node(const vask_art_tree *t, uint8_t type) noexcept;
+
+// ---- children ----
+
+// The slot of the child below a key byte, null if there is none.
+inline vask_art_pin *find_child(vask_art_node *n, uint8_t c) noexcept {
+  switch (n->type) {
+    case NODE4: {
+      vask_art_node4 *four = node4(n);
+      for (unsigned i = 0; i < n->num_children; ++i) {
+        if (four->keys[i] == c) return &four->children[i];
+      }
+      return nullptr;
+    }
+    case NODE16: {
+      const unsigned i = first_below(bytes_equal(node16(n)->keys, c), n->num_children);
+      return i < n->num_children ? &node16(n)->children[i] : nullptr;
+    }
+    case NODE48: {
+      const unsigned i = node48(n)->keys[c];
+      return i != 0 ? &node48(n)->children[i - 1] : nullptr;
+    }
+    case NODE256:
+      return node256(n)->children[c] != 0 ? &node256(n)->children[c] : nullptr;
+    default:
+      unknown_node_type(n);
+  }
+}
+
+// Walks the children of a node in its order. `next` is where to look from, 0 at first; it is left where to go on.
+// Returns the slot of the next child and puts its key byte into `*c`; null after the last.
+inline vask_art_pin *next_child(vask_art_node *n, unsigned &next, uint8_t *c) noexcept {
+  switch (n->type) {
+    case NODE4:
+      if (next >= n->num_children) return nullptr;
+      *c = node4(n)->keys[next];
+      return &node4(n)->children[next++];
+    case NODE16:
+      if (next >= n->num_children) return nullptr;
+      *c = node16(n)->keys[next];
+      return &node16(n)->children[next++];
+    case NODE48:
+      while (next < 256) {
+        const unsigned byte = next++;
+        const unsigned i = node48(n)->keys[byte];
+        if (i == 0) continue;
+        *c = static_cast<uint8_t>(byte);
+        return &node48(n)->children[i - 1];
+      }
+      return nullptr;
+    case NODE256:
+      while (next < 256) {
+        const unsigned byte = next++;
+        if (node256(n)->children[byte] == 0) continue;
+        *c = static_cast<uint8_t>(byte);
+        return &node256(n)->children[byte];
+      }
+      return nullptr;
+    default:
+      unknown_node_type(n);
+  }
+}
+
+// The leaf of the smallest key below a pin other than 0.
+const vask_art_leaf *minimum_leaf(uintptr_t base, vask_art_pin pin) noexcept;
+
+// ---- paths ----
+
+inline bool leaf_matches(const vask_art_leaf *leaf, const Key &key) noexcept {
+  return leaf->key_len == key.len && (key.len == 0 || memcmp(leaf->key, key.bytes, key.len) == 0);
+}
+inline bool leaf_starts_with(const vask_art_leaf *leaf, const Key &prefix) noexcept {
+  return prefix.len <= leaf->key_len && (prefix.len == 0 || memcmp(leaf->key, prefix.bytes, prefix.len) == 0);
+}
+
+// Whether the stored part of a node's path is what the key has at `depth`.
+inline bool stored_path_matches(const vask_art_node *n, const Key &key, size_t depth) noexcept {
+  const uint32_t stored = stored_path_len(n);
+  if (key.left(depth) < stored) return false;
+  const unsigned char *bytes = key.bytes + depth;
+  for (uint32_t i = 0; i < stored; ++i) {
+    if (n->partial[i] != bytes[i]) return false;
+  }
+  return true;
+}
+
+// How many bytes of a node's path are what the key has at `depth`; all of them are compared.
+size_t matching_path_len(uintptr_t base, const vask_art_node *n, const Key &key, size_t depth) noexcept;
+
+// ---- writing ----
+
+// Each returns what the entry of its name returns; `*added` and `*removed` tell whether the number of keys changed.
+void *insert_key(vask_art_tree *t, const Key &key, void *value, bool replace, bool *added) noexcept;
+void *delete_key(vask_art_tree *t, const Key &key, bool *removed) noexcept;
+
+// ---- walks ----
+
+// A stack for walks, since keys of many thousand bytes make trees too deep for recursion. The first entries need no
+// allocation. T is copied byte by byte.
+template <typename T, size_t kInside>
+class WalkStack {
+ public:
+  WalkStack() noexcept = default;
+  ~WalkStack() {
+    if (entries_ != inside_) free(entries_);
+  }
+  WalkStack(const WalkStack &) = delete;
+  WalkStack &operator=(const WalkStack &) = delete;
+
+  bool empty() const noexcept { return size_ == 0; }
+  T &top() noexcept { return entries_[size_ - 1]; }
+  void pop() noexcept { --size_; }
+  void push(const T &entry) noexcept {
+    extend(size_ + 1);
+    top() = entry;
+  }
+  // At least `count` entries; what is new is not set.
+  void extend(size_t count) noexcept {
+    if (count > capacity_) grow(count);
+    size_ = std::max(size_, count);
+  }
+  T *data() noexcept { return entries_; }
+
+ private:
+  void grow(size_t count) noexcept {
+    const size_t capacity = std::max(count, 2 * capacity_);
+    auto *larger = static_cast<T *>(malloc(capacity * sizeof(T)));
+    if (larger == nullptr) abort();
+    memcpy(larger, entries_, size_ * sizeof(T));
+    if (entries_ != inside_) free(entries_);
+    entries_ = larger;
+    capacity_ = capacity;
+  }
+
+  size_t size_ = 0;
+  size_t capacity_ = kInside;
+  T inside_[kInside];
+  T *entries_ = inside_;
+};
+
+// The value that an iteration's callback is given, for the time of the call.
+class TmpValue {
+ public:
+  TmpValue(const vask_art_tree *t, const vask_art_leaf *leaf) noexcept;
+  ~TmpValue();
+  TmpValue(const TmpValue &) = delete;
+  TmpValue &operator=(const TmpValue &) = delete;
+  void *get() const noexcept { return value_; }
+
+ private:
+  const vask_art_tree *t_;
+  void *value_;
+  bool made_;
+};
+
+// Where a prefix ends: the pin below which lie the keys that start with it, 0 if there are none, and the depth of that
+// cell. A leaf is one that starts with the prefix.
+struct PrefixEnd {
+  vask_art_pin pin;
+  size_t depth;
+};
+PrefixEnd find_prefix_end(const vask_art_tree *t, const Key &prefix) noexcept;
+
+}  // namespace liborlith
+
+#endif
