@@ -31,6 +31,7 @@ void call_oil(void);
 void call_join(void);
 void call_art_tree(void);
 void call_vask_move(void);
+void call_cfssz(void);
 void call_metric_locator(void);
 void call_histogram_line(void);
 void call_histogram_series(void);

@@ -56,6 +56,7 @@ int main(void) {
   call_join();
   call_art_tree();
   call_vask_move();
+  call_cfssz();
   call_metric_locator();
   call_histogram_line();
   call_histogram_series();

@@ -3,6 +3,7 @@
 #include <sys/time.h>
 
 #include "liborlith/liborlith_init.h"
+#include "liborlith/util/cfssz.h"
 #include "liborlith/util/go_asynch.h"
 #include "liborlith/util/join.h"
 #include "liborlith/util/liborlith_hooks.h"
@@ -186,4 +187,31 @@ void call_vask_move(void) {
   CHECK(vask_asynch_unlink(job, EVENTER_ASYNCH_WORK, abi_copy("moved again"), &now) == 0);
   CHECK(stat("moved again", &status) != 0);
   eventer_free(job);
+}
+
+struct abi_sample {
+  int64_t at;
+  double load;
+};
+
+void call_cfssz(void) {
+  const cfssz_field at = {offsetof(struct abi_sample, at), 0, 0, CFSSZ_INT64, CFSSZ_DELTADELTA_VARBIT};
+  const cfssz_field load = {offsetof(struct abi_sample, load), 0, 0, CFSSZ_DOUBLE, CFSSZ_XOR_VARBIT};
+  const cfssz_field *fields[] = {&at, &load, NULL};
+  unsigned char stream[100];
+  struct abi_sample sample = {1700000000, 0.5}, read = {0, 0};
+  cfssz_definition *def = cfssz_compile_definition(0x5a01, fields);
+  CHECK(def != NULL && def->nfields == 2 && def->len == 16 && def->fields[1].internal_offset == 8);
+  cfssz_state *enc = cfssz_enc_state_alloc(def);
+  CHECK(cfssz_enc_state_add(enc, stream, 10, &sample) == CFSSZ_HEADER_BYTES + 18);
+  CHECK(cfssz_enc_state_add(enc, stream, sizeof stream, &sample) == 0);
+  const size_t len = cfssz_enc_state_finalize(enc, stream, sizeof stream);
+  CHECK(len > CFSSZ_HEADER_BYTES && stream[0] == 0x5a && stream[5] == 1);
+  cfssz_state *dec = cfssz_dec_state_alloc(def, stream, len);
+  CHECK(dec != NULL && dec->nelem == 1);
+  CHECK(cfssz_dec_state_next(dec, stream, len, &read) > 0 && read.at == 1700000000 && read.load == 0.5);
+  CHECK(cfssz_dec_state_next(dec, stream, len, &read) == 0);
+  free(dec);
+  free(enc);
+  free(def);
 }
