@@ -1,8 +1,9 @@
-// `orlith collect`: M lines about this host.
+// `orlith collect`: M lines and histogram lines about this host.
 #include "orlith/collect.h"
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <set>
@@ -12,6 +13,26 @@
 #include "orlith/cli.h"
 #include "orlith/host_sources.h"
 #include "orlith/signals.h"
+
+namespace {
+
+// Of a round, for each latency.
+constexpr uint64_t kMostBudget_ns = 10'000'000;
+constexpr uint64_t kIntervalPerBudget = 20;
+
+// A source that had no time, or failed at once, has nothing to tell.
+void append_latencies(std::string &lines, uint64_t time_ms, const CollectOptions &options, Clock &clock,
+                      std::vector<std::string> &problems) {
+  const auto interval_ns = static_cast<uint64_t>(options.interval_s * 1e9);
+  const uint64_t budget_ns = std::min(kMostBudget_ns, interval_ns / kIntervalPerBudget);
+  for (const LatencySource &source : options.latencies) {
+    const Histogram latencies = measure_latency(source, clock, budget_ns, problems);
+    if (hist_sample_count(latencies.get()) == 0) continue;
+    append_h_line(lines, time_ms, options.check_uuid, source.name, latencies.get());
+  }
+}
+
+}  // namespace
 
 int collect(const CollectOptions &options, Session &session, Output &out) {
   HostContext context{options.root, {}};
@@ -31,6 +52,7 @@ int collect(const CollectOptions &options, Session &session, Output &out) {
     std::string lines;
     for (const Sample &sample : read_host(context, problems))
       append_m_line(lines, time_ms, options.check_uuid, sample);
+    append_latencies(lines, time_ms, options, session.clock, problems);
     for (const std::string &problem : problems)
       if (warned.insert(problem).second) session.warning(problem + "; left out");
     anything = anything || !lines.empty();
@@ -48,6 +70,7 @@ namespace {
 struct Options {
   CollectOptions collect;
   std::string check, state_file, output_file;
+  bool no_histograms = false;
 };
 
 // The check UUID given or kept; empty after an error, with `code` set.
@@ -87,6 +110,14 @@ int collect_into_file(const Options &options, Session &session) {
   return code;
 }
 
+// A folder of another machine's files says nothing of that machine's latencies.
+void choose_latencies(Options &options, Session &session) {
+  if (options.no_histograms || !options.collect.root.empty()) return;
+  std::vector<std::string> problems;
+  options.collect.latencies = host_latencies(problems);
+  for (const std::string &problem : problems) session.warning(problem + "; left out");
+}
+
 int run(Options &options, Session &session) {
   if (!(options.collect.interval_s >= 0.001 && options.collect.interval_s <= 1e6)) {
     session.error("--interval must be from 0.001 to 1000000 seconds");
@@ -96,6 +127,7 @@ int run(Options &options, Session &session) {
   options.collect.check_uuid = find_check_uuid(options, session, code);
   if (options.collect.check_uuid.empty()) return code;
   while (options.collect.root.ends_with('/')) options.collect.root.pop_back();
+  choose_latencies(options, session);
   if (options.output_file.empty() || options.output_file == "-")
     return collect(options.collect, session, session.out);
   return collect_into_file(options, session);
@@ -113,7 +145,9 @@ Run configure(CLI::App &app) {
   app.add_option("--state", options->state_file, "where the check UUID is kept")->type_name("FILE");
   app.add_option("-o,--output", options->output_file, "write here instead of to standard output")
       ->type_name("FILE");
-  app.add_option("--root", options->collect.root, "read below this folder instead of /")->type_name("DIR");
+  app.add_option("--root", options->collect.root, "read below this folder instead of /; no histogram lines")
+      ->type_name("DIR");
+  app.add_flag("--no-histograms", options->no_histograms, "M lines only");
   return [options](Session &session) { return run(*options, session); };
 }
 
@@ -121,12 +155,18 @@ Run configure(CLI::App &app) {
 
 extern const Command collect_command = {
     .name = "collect",
-    .summary = "write M lines about this host",
+    .summary = "write M lines and histogram lines about this host",
     .description =
         "Reads the kernel's own files (processors, memory, load, disks, network, file systems, pressure, "
         "temperatures, processes, file handles) and writes one M line a value, in the form without a source "
         "field: "
         "M, time, check UUID, metric name, type, value, separated by tabs.\n\n"
+        "Each round also measures latencies itself, some milliseconds long, and writes a histogram line "
+        "each: H, "
+        "time, "
+        "check UUID, metric name, histogram. They tell how late a thread wakes from a short sleep, and what "
+        "reading and "
+        "writing a page of a temporary file takes.\n\n"
         "The check UUID stands for this host. It is made on first use and kept in orlith/check_uuid below "
         "$XDG_STATE_HOME or ~/.local/state.\n\n"
         "A file that is missing or malformed is left out with one warning. With --output the file appears "

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "orlith/histogram_value.h"
 #include "orlith/text.h"
 #include "pobe/pobe.h"
 #include "ruxo/b64.h"
@@ -74,4 +75,10 @@ void append_m_line(std::string &out, uint64_t time_ms, std::string_view check_uu
   fmt::format_to(std::back_inserter(out), "M\t{}.{:03}\t{}\t{}\t", time_ms / 1000, time_ms % 1000, check_uuid,
                  sample.name);
   std::visit(ValueWriter{out}, sample.value);
+}
+
+void append_h_line(std::string &out, uint64_t time_ms, std::string_view check_uuid, std::string_view name,
+                   const histogram_t *histogram) {
+  fmt::format_to(std::back_inserter(out), "H\t{}.{:03}\t{}\t{}\t{}\n", time_ms / 1000, time_ms % 1000,
+                 check_uuid, name, text_of_histogram(histogram));
 }

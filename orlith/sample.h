@@ -1,4 +1,4 @@
-// One measurement on its way into an M line, and the spelling of metric names with stream tags.
+// One measurement on its way into an M line or a histogram line, and the spelling of metric names with stream tags.
 #ifndef ORLITH_SAMPLE_H
 #define ORLITH_SAMPLE_H
 
@@ -8,6 +8,8 @@
 #include <utility>
 #include <variant>
 #include <vector>
+
+#include "vaskllhist/vaskllhist.h"
 
 // The alternative decides the type letter: L, l, I, i, n, s. A double that is not a number is written as null.
 using SampleValue = std::variant<uint64_t, int64_t, uint32_t, int32_t, double, std::string>;
@@ -26,5 +28,9 @@ std::string tagged_name(std::string_view name, const Tags &tags);
 
 // "M<TAB>seconds.milliseconds<TAB>check<TAB>name<TAB>type<TAB>value<LF>", the form without a source field.
 void append_m_line(std::string &out, uint64_t time_ms, std::string_view check_uuid, const Sample &sample);
+
+// "H<TAB>seconds.milliseconds<TAB>check<TAB>name<TAB>histogram in base64<LF>", the form without a source field.
+void append_h_line(std::string &out, uint64_t time_ms, std::string_view check_uuid, std::string_view name,
+                   const histogram_t *histogram);
 
 #endif

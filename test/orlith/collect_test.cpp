@@ -5,9 +5,11 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <thread>
 
+#include "liborlith/util/histogram.h"
 #include "orlith/check_uuid.h"
 #include "orlith/signals.h"
 #include "test/orlith/tool_fixture.h"
@@ -22,7 +24,12 @@ constexpr const char *check = "1b4e28ba-2fa1-11d2-883f-0016d3cca427";
 const std::string fixture_root = ORLITH_FIXTURES "/host";
 
 CollectOptions options(uint64_t count, double interval_s) {
-  return {count, interval_s, check, fixture_root};
+  CollectOptions result;
+  result.count = count;
+  result.interval_s = interval_s;
+  result.check_uuid = check;
+  result.root = fixture_root;
+  return result;
 }
 
 size_t line_count(const std::string &text) {
@@ -119,6 +126,77 @@ TEST(Collect, StopsWhenNobodyReads) {
   Closed closed;
   EXPECT_EQ(collect(options(0, 1), tool.session, closed), exit_fine);
   EXPECT_EQ(tool.err.text, "");
+}
+
+// A line as the library's own decoder reads it.
+TEST(Collect, EndsARoundWithAHistogramLineForEachLatency) {
+  ToolSession tool;
+  CollectOptions with_latencies = options(1, 1);
+  const auto fixed = [](uint64_t *latency_ns) {
+    *latency_ns = 2'500'000;
+    return true;
+  };
+  with_latencies.latencies = {
+      {"first|ST[units:seconds]", 3, fixed}, {"second", 0, fixed}, {"third", 1, fixed}};
+  EXPECT_EQ(collect(with_latencies, tool.session, tool.out), exit_fine);
+  const std::string lines = tool.out.text.substr(tool.out.text.find("\nH") + 1);
+  EXPECT_THAT(
+      lines, testing::StartsWith(std::string("H\t1700000005.000\t") + check + "\tfirst|ST[units:seconds]\t"));
+  EXPECT_EQ(line_count(lines), 2U) << "one that had no time has no line";
+  EXPECT_THAT(lines, HasSubstr("\tthird\t"));
+  const std::string text = lines.substr(0, lines.find('\n'));
+  uint64_t time_ms = 0;
+  orlith_metric_locator_t *locator = nullptr;
+  metric_value_t value;
+  ASSERT_EQ(decode_histogram_string(text.c_str(), &time_ms, &locator, &value, true, nullptr, 0), 1);
+  EXPECT_EQ(time_ms, 1'700'000'005'000U);
+  ASSERT_FALSE(value.is_null);
+  histogram_t *histogram = hist_alloc();
+  ASSERT_GT(hist_deserialize_b64(histogram, value.storage.v_string, strlen(value.storage.v_string)), 0);
+  EXPECT_EQ(hist_bucket_count(histogram), 1);
+  EXPECT_EQ(hist_count_at(histogram, {25, -3}), 3U);
+  hist_free(histogram);
+  free(value.storage.v_string);
+  orlith_metric_locator_deref(locator);
+}
+
+TEST(Collect, LatenciesTakeASmallPartOfAnInterval) {
+  ToolSession tool;
+  CollectOptions with_latencies = options(3, 0.01);
+  const auto slow = [&](uint64_t *latency_ns) {
+    *latency_ns = 1'000'000;
+    tool.clock.advance_ms(1);
+    return true;
+  };
+  with_latencies.latencies = {{"a", 1000, slow}, {"b", 1000, slow}};
+  EXPECT_EQ(collect(with_latencies, tool.session, tool.out), exit_fine);
+  EXPECT_THAT(tool.clock.sleeps, ElementsAre(5'010'000'000, 5'020'000'000)) << "every round in its time";
+}
+
+TEST(Collect, AFailingLatencyIsWarnedAboutOnce) {
+  ToolSession tool;
+  CollectOptions with_latencies = options(3, 1);
+  with_latencies.latencies = {{"a", 10, [](uint64_t *) {
+                                 errno = EIO;
+                                 return false;
+                               }}};
+  EXPECT_EQ(collect(with_latencies, tool.session, tool.out), exit_fine);
+  EXPECT_EQ(tool.err.text, "orlith: warning: a: Input/output error; left out\n");
+  EXPECT_EQ(tool.out.text.find("\nH"), std::string::npos);
+}
+
+TEST(CollectCommand, MeasuresLatenciesOfThisMachineOnly) {
+  ToolSession here, elsewhere, unwanted;
+  EXPECT_EQ(here.run({"collect", "--check", check}), exit_fine);
+  for (const char *name :
+       {"scheduler_delay|ST[units:seconds]", "page_cache_latency|ST[op:read,units:seconds]",
+        "page_cache_latency|ST[op:write,units:seconds]"}) {
+    EXPECT_THAT(here.out.text, HasSubstr(std::string("\nH\t1700000005.000\t") + check + "\t" + name + "\t"));
+  }
+  EXPECT_EQ(elsewhere.run({"collect", "--check", check, "--root", fixture_root}), exit_fine);
+  EXPECT_EQ(elsewhere.out.text.find("\nH"), std::string::npos);
+  EXPECT_EQ(unwanted.run({"collect", "--check", check, "--no-histograms"}), exit_fine);
+  EXPECT_EQ(unwanted.out.text.find("\nH"), std::string::npos);
 }
 
 TEST(CollectCommand, KeepsTheCheckUuidItMade) {
