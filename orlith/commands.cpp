@@ -13,6 +13,7 @@
   X(nnt_dump)              \
   X(nnt_plot)              \
   X(nnt_verify)            \
+  X(hist_show)             \
   X(completion)            \
   X(help)
 
@@ -29,6 +30,7 @@ std::span<const Group> all_groups() {
   static constexpr Group groups[] = {
       {"topo", "compile topologies, see who owns what"},
       {"nnt", "look into numeric time-series files"},
+      {"hist", "look into histograms"},
   };
   return groups;
 }

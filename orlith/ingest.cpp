@@ -9,8 +9,8 @@
 #include <memory>
 #include <optional>
 
-#include "liborlith/liborlith_init.h"
 #include "orlith/cli.h"
+#include "orlith/histogram_line.h"
 #include "orlith/ingest_run.h"
 #include "orlith/ingest_summary.h"
 #include "orlith/progress.h"
@@ -138,15 +138,8 @@ IngestOptions ingest_options(const Options &options, const topo_config *topology
   return result;
 }
 
-// A refused name is told in the summary, once and with its line; a log line for each would bury it. A stream that
-// exists before the library starts is the one it uses.
-void start_library() {
-  ruxo_log_stream_new("error/metric_locator");
-  liborlith_init();
-}
-
 int run(const Options &options, Session &session) {
-  start_library();
+  start_library();  // refused names are told in the summary, once and with their line
   const std::vector<std::string> files =
       options.files.empty() ? std::vector<std::string>{"-"} : options.files;
   int code = check_inputs(files, session);

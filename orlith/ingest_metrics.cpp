@@ -9,6 +9,7 @@
 
 #include "liborlith/util/metric_locator.h"
 #include "orlith/data_path.h"
+#include "orlith/histogram_line.h"
 
 namespace {
 
@@ -29,17 +30,6 @@ uint64_t random_seed() {
 // The bytes that identify a metric within a stream of lines: the check and the name, with the TAB between them.
 std::string_view spelling(const mline_fields_t &fields) {
   return {fields.check.text, static_cast<size_t>(fields.name.text - fields.check.text) + fields.name.len};
-}
-
-struct DerefLocator {
-  void operator()(orlith_metric_locator_t *locator) const { orlith_metric_locator_deref(locator); }
-};
-
-std::string key_of(const orlith_metric_locator_t *locator) {
-  std::string key(orlith_metric_locator_get_name_len_with_tags(locator) + kUuidChars + 2, '\0');
-  orlith_metric_locator_get_key(locator, key.data(), key.size());
-  key.pop_back();
-  return key;
 }
 
 }  // namespace
@@ -74,9 +64,9 @@ IngestMetrics::SpellingEntry *IngestMetrics::identify(const mline_fields_t &fiel
   orlith_metric_locator_t *created = nullptr;
   *code = mline_locator(&fields, &created);
   if (*code != 1) return nullptr;
-  const std::unique_ptr<orlith_metric_locator_t, DerefLocator> locator(created);
+  const Locator locator(created);
 
-  std::unique_ptr<Metric> &metric = kind.canonical[key_of(created)];
+  std::unique_ptr<Metric> &metric = kind.canonical[locator_key(created)];
   if (metric == nullptr) metric = place(created, is_text);
   return remember(spelling(fields), metric.get(), kind);
 }
@@ -95,7 +85,7 @@ IngestMetrics::SpellingEntry *IngestMetrics::remember(std::string_view as_writte
 
 std::unique_ptr<Metric> IngestMetrics::place(const orlith_metric_locator_t *locator, bool is_text) {
   auto metric = std::make_unique<Metric>();
-  metric->key = key_of(locator);
+  metric->key = locator_key(locator);
   metric->is_text = is_text;
 
   std::array<host_config *, 10> owners{};

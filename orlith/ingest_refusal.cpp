@@ -58,7 +58,7 @@ const char *refusal_text(Refusal refusal) {
 Refusal refusal_of_code(int code) {
   switch (code) {
     case 0:
-      return Refusal::not_an_m_line;
+      return Refusal::unknown_kind;
     case -1:
       return Refusal::no_timestamp;
     case -2:
@@ -80,6 +80,10 @@ Refusal refusal_of_code(int code) {
     default:
       return Refusal::ignored_extension;
   }
+}
+
+Refusal refusal_of_histogram_code(int code) {
+  return code == -4 ? Refusal::no_histogram : refusal_of_code(code);
 }
 
 std::optional<Refusal> timestamp_fault(std::string_view timestamp) {

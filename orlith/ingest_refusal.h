@@ -11,10 +11,11 @@
 
 // Name (also the JSON form's), what is wrong with the line.
 #define INGEST_REFUSALS(X)                                                  \
-  X(not_an_m_line, "does not begin with M")                                 \
+  X(unknown_kind, "begins with neither M nor H")                            \
   X(no_timestamp, "has no TAB before a timestamp")                          \
   X(no_check, "ends after the timestamp: no TAB before a check")            \
   X(no_name, "ends after the check: no TAB before a name")                  \
+  X(no_histogram, "ends after the name: no TAB before a histogram")         \
   X(no_type, "ends after the name: no TAB before a type")                   \
   X(no_value, "ends after the type: no TAB before a value")                 \
   X(check_too_short, "the check field is shorter than a UUID")              \
@@ -27,7 +28,9 @@
   X(bad_timestamp, "the timestamp is not a number of seconds")              \
   X(in_the_future, "lies further in the future than --future-bound allows") \
   X(value_not_a_number, "the value is not a number (finite, decimal)")      \
-  X(value_out_of_range, "the value does not fit its type")
+  X(value_out_of_range, "the value does not fit its type")                  \
+  X(value_no_histogram, "the value is no histogram")                        \
+  X(count_too_large, "a count of the slot would pass 4294967295")
 
 enum class Refusal {
 #define INGEST_REFUSAL_ENUMERATOR(name, text) name,
@@ -44,6 +47,8 @@ const char *refusal_text(Refusal refusal);
 
 // The reason behind a result of the line parser (0 or negative).
 Refusal refusal_of_code(int code);
+// The same for the histogram line.
+Refusal refusal_of_histogram_code(int code);
 
 // The parser reads numbers as far as they go: "abc" is 0 and 5000000000 is cut to 32 bits. Data that cannot be
 // collected again must not be stored as something else, so such a sample is refused here.
