@@ -29,13 +29,13 @@ bool folder_exists(const std::string &file) {
 
 }  // namespace
 
-std::string metric_file_path(std::string_view check_uuid, std::string_view encoded) {
+std::string metric_file_path(std::string_view check_uuid, std::string_view encoded, std::string_view suffix) {
   std::string result(check_uuid);
-  while (encoded.size() + kNntSuffix.size() > kMaxFileName) {
+  while (encoded.size() + suffix.size() > kMaxFileName) {
     result.append("/").append(encoded.substr(0, kEncodedChunk));
     encoded.remove_prefix(kEncodedChunk);
   }
-  result.append("/").append(encoded).append(kNntSuffix);
+  result.append("/").append(encoded).append(suffix);
   return result;
 }
 

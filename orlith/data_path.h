@@ -10,10 +10,14 @@
 // locator's path form. A file name holds 255 bytes and an encoded name may be longer: then it is cut into folders
 // of kEncodedChunk characters, the rest and ".nnt" being the file. Nothing is lost: the parts joined give the
 // encoding back, and as the encoding never holds a dot, a folder and a file never share a name.
-std::string metric_file_path(std::string_view check_uuid, std::string_view encoded);
-
 constexpr size_t kEncodedChunk = 240;
 constexpr std::string_view kNntSuffix = ".nnt";
+// Histograms have a folder in the file's place, which is cut the same way, and a file a window in it.
+constexpr std::string_view kHistSuffix = ".hist";
+constexpr std::string_view kSeriesSuffix = ".hss";
+std::string metric_file_path(std::string_view check_uuid, std::string_view encoded,
+                             std::string_view suffix = kNntSuffix);
+
 // A working copy of a file stands beside it under the same name with one of these behind it.
 constexpr std::string_view kNewSuffix = ".new";
 constexpr std::string_view kOldSuffix = ".old";

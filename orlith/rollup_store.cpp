@@ -202,7 +202,7 @@ bool RollupStore::write(const SlotFile &file, std::span<const SlotWrite> slots) 
 bool RollupStore::write_in_place(const std::string &path, nnt_handle *handle, const SlotFile &file,
                                  std::span<const SlotWrite> slots) {
   struct stat info {};
-  if (!remember_file_system(path, handle, &info)) return false;
+  if (!remember_file_system(path, handle->fd, &info)) return false;
   if (!keep_old_bytes(path, handle, info.st_size, file, slots)) return fail_errno(path, "cannot be read");
   // Extended first, written then: a process that is killed in between leaves absent records, never a part of one.
   const auto end = static_cast<off_t>(record_offset(handle->hdr, slots.back().start_s) + kRecordBytes);
@@ -226,7 +226,7 @@ bool RollupStore::write_copy(const std::string &path, nnt_handle *old, const Slo
   changes_.push_back(std::move(change));
 
   struct stat info {};
-  if (!remember_file_system(path, handle.get(), &info)) return false;
+  if (!remember_file_system(path, handle->fd, &info)) return false;
   if (old != nullptr && !copy_old(path, handle.get(), old)) return false;
   return put_runs(handle.get(), file, slots) || fail_errno(path, "cannot be written");
 }
@@ -243,13 +243,65 @@ bool RollupStore::copy_old(const std::string &path, nnt_handle *copy, nnt_handle
   return fchmod(copy->fd, info.st_mode & 07777) == 0 || fail_errno(path, "cannot be copied");
 }
 
-bool RollupStore::remember_file_system(const std::string &path, nnt_handle *handle, struct stat *info) {
-  if (fstat(handle->fd, info) != 0) return fail_errno(path, "cannot be read");
+bool RollupStore::remember_file_system(const std::string &path, int fd, struct stat *info) {
+  if (fstat(fd, info) != 0) return fail_errno(path, "cannot be read");
   if (info->st_dev == folder_device_ || file_systems_.contains(info->st_dev)) return true;
-  const int fd = fcntl(handle->fd, F_DUPFD_CLOEXEC, 0);
-  if (fd < 0) return fail_errno(path, "cannot be kept open");
-  file_systems_[info->st_dev] = fd;
+  const int kept = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  if (kept < 0) return fail_errno(path, "cannot be kept open");
+  file_systems_[info->st_dev] = kept;
   return true;
+}
+
+bool RollupStore::read(const std::string &below, size_t most_bytes, std::string *bytes, bool *exists) {
+  const std::string path = folder_ + "/" + below;
+  const ReachablePath reached(path, false);
+  errno = reached.error();
+  // Opening a pipe would wait for its writer.
+  const int fd = errno == 0 ? ::open(reached.path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1;
+  *exists = fd >= 0;
+  if (fd < 0) return errno == ENOENT || fail_errno(path, "cannot be opened");
+  struct stat info {};
+  bool done = fstat(fd, &info) == 0 || fail_errno(path, "cannot be read");
+  if (done && (!S_ISREG(info.st_mode) || static_cast<uint64_t>(info.st_size) > most_bytes))
+    done = fail(path, S_ISREG(info.st_mode) ? "is too large; move it away to go on" : "is no regular file");
+  if (done) {
+    bytes->resize(static_cast<size_t>(info.st_size));
+    done = read_whole(fd, bytes->data(), bytes->size(), 0) || fail_errno(path, "cannot be read");
+  }
+  close(fd);
+  return done;
+}
+
+bool RollupStore::replace(const std::string &below, std::string_view bytes) {
+  const std::string path = folder_ + "/" + below;
+  const ReachablePath reached(path, true);
+  const std::string copy = with(reached.path(), kNewSuffix);
+  errno = reached.error();
+  if (errno != 0) return fail_errno(path, "its folder cannot be created");
+  unlink(copy.c_str());  // left by a process that was killed
+  struct stat old {};
+  const bool has_old = stat(reached.path().c_str(), &old) == 0;
+  const int fd = ::open(copy.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode);
+  if (fd < 0) return fail_errno(path, "cannot be created");
+  Undo change;
+  change.path = path;
+  change.prepared_copy = true;
+  change.replaced_existing = has_old;
+  changes_.push_back(std::move(change));
+  const bool filled = fill_copy(path, fd, bytes, has_old ? &old : nullptr);
+  close(fd);
+  whole_file_bytes_uncommitted_ += bytes.size();
+  return filled;
+}
+
+bool RollupStore::fill_copy(const std::string &path, int fd, std::string_view bytes, const struct stat *old) {
+  struct stat info {};
+  if (!remember_file_system(path, fd, &info)) return false;
+  if (!write_whole(fd, bytes.data(), bytes.size(), 0)) return fail_errno(path, "cannot be written");
+  if (old == nullptr) return true;
+  // As for a copied file: the owner where we may, the rights always.
+  [[maybe_unused]] const int ignored = fchown(fd, old->st_uid, old->st_gid);
+  return fchmod(fd, old->st_mode & 07777) == 0 || fail_errno(path, "cannot be written");
 }
 
 std::vector<RollupStore::Run> RollupStore::runs_of(std::span<const SlotWrite> slots, uint32_t period_s) {
@@ -363,6 +415,7 @@ bool RollupStore::roll_back() {
   }
   changes_.clear();
   records_uncommitted_ = 0;
+  whole_file_bytes_uncommitted_ = 0;
   return sync() && restored;
 }
 
@@ -400,6 +453,8 @@ void RollupStore::forget_changes() {
   changes_.clear();
   records_written_ += records_uncommitted_;
   records_uncommitted_ = 0;
+  whole_file_bytes_written_ += whole_file_bytes_uncommitted_;
+  whole_file_bytes_uncommitted_ = 0;
 }
 
 bool RollupStore::sync() {

@@ -1,9 +1,10 @@
-// Writes rollup slots into the NNT files of a data folder, all or nothing between two commits.
+// Writes rollup slots into the NNT files of a data folder, and other files as a whole, all or nothing between two
+// commits.
 //
 // A slot inside a file is written in place, after the bytes it replaces were kept; a file that does not exist, or
-// whose epoch has to move back, is built beside its final name and renamed at the commit. commit() brings
-// everything to the disk; roll_back() undoes every write since the last commit, so that a full disk leaves the
-// folder as the last commit left it.
+// whose epoch has to move back, or which is replaced as a whole, is built beside its final name and renamed at the
+// commit. commit() brings everything to the disk; roll_back() undoes every write since the last commit, so that a full
+// disk leaves the folder as the last commit left it.
 #ifndef ORLITH_ROLLUP_STORE_H
 #define ORLITH_ROLLUP_STORE_H
 
@@ -14,6 +15,7 @@
 #include <map>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "liborlith/nnt/nnt.h"
@@ -45,6 +47,13 @@ class RollupStore {
 
   // `slots` ascend and are not empty. False with error() when the file cannot be read or written as a whole.
   bool write(const SlotFile &file, std::span<const SlotWrite> slots);
+  // For files that are replaced as a whole: what one holds; nothing, and *exists false, when it is not there. False
+  // with error() when it cannot be read or is larger than `most_bytes`.
+  bool read(const std::string &path, size_t most_bytes, std::string *bytes, bool *exists);
+  // Has the next commit replace or make the file. Once a file between two commits.
+  bool replace(const std::string &path, std::string_view bytes);
+  // Sets error() for a file that its reader cannot use; false.
+  bool refuse(const std::string &path, const std::string &what) { return fail(folder_ + "/" + path, what); }
   bool commit();
   // False when some file could not be put back; unrestored() then names it.
   bool roll_back();
@@ -55,6 +64,7 @@ class RollupStore {
   // What the commits brought to the disk.
   uint64_t files_created() const { return files_created_; }
   uint64_t records_written() const { return records_written_; }
+  uint64_t whole_file_bytes_written() const { return whole_file_bytes_written_; }
   // Records in the way of new slots whose checksum was wrong; they were replaced.
   uint64_t damaged_records() const { return damaged_records_; }
   const std::string &first_damaged() const { return first_damaged_; }
@@ -86,7 +96,8 @@ class RollupStore {
   bool read_stored(const std::string &path, nnt_handle *handle, const SlotFile &file,
                    std::span<const SlotWrite> slots);
   bool copy_old(const std::string &path, nnt_handle *copy, nnt_handle *old);
-  bool remember_file_system(const std::string &path, nnt_handle *handle, struct stat *info);
+  bool fill_copy(const std::string &path, int fd, std::string_view bytes, const struct stat *old);
+  bool remember_file_system(const std::string &path, int fd, struct stat *info);
   bool rename_copies();
   bool undo(const Undo &change);
   bool sync();
@@ -107,6 +118,8 @@ class RollupStore {
   uint64_t files_created_ = 0;
   uint64_t records_written_ = 0;
   uint64_t records_uncommitted_ = 0;
+  uint64_t whole_file_bytes_written_ = 0;
+  uint64_t whole_file_bytes_uncommitted_ = 0;
   uint64_t damaged_records_ = 0;
   std::string first_damaged_;
 };

@@ -51,6 +51,14 @@ TEST(MetricFilePath, LosesNothingAtAnyLength) {
   }
 }
 
+TEST(MetricFilePath, HistogramsHaveAFolderOfTheirOwnSuffix) {
+  EXPECT_EQ(metric_file_path("u", "YWJj", kHistSuffix), "u/YWJj.hist");
+  EXPECT_EQ(metric_file_path("u", std::string(246, 'a'), kHistSuffix),
+            "u/" + std::string(246, 'a') + ".hist");
+  EXPECT_EQ(metric_file_path("u", std::string(247, 'a'), kHistSuffix),
+            "u/" + std::string(240, 'a') + "/aaaaaaa.hist");
+}
+
 TEST(MetricFilePath, IsNotReadBackFromOtherFiles) {
   EXPECT_EQ(encoded_name_from_parts({"Y3B1.txt"}), "");
   EXPECT_EQ(encoded_name_from_parts({}), "");

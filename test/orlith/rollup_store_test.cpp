@@ -268,6 +268,65 @@ TEST_F(RollupStoreTest, RefusesAFileOfAnotherPeriod) {
             dir_.file("a.nnt") + ": holds slots of 300 s instead of 60 s; move it away to go on");
 }
 
+TEST_F(RollupStoreTest, WholeFilesAppearWithTheCommit) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  ASSERT_TRUE(store.replace("a/b/whole", "first") && store.replace("empty", "")) << store.error();
+  EXPECT_FALSE(fs::exists(dir_.file("a/b/whole")));
+  ASSERT_TRUE(store.commit()) << store.error();
+  EXPECT_EQ(snapshot(), (std::map<std::string, std::string>{{"a/b/whole", "first"}, {"empty", ""}}));
+  EXPECT_EQ(store.files_created(), 2U);
+  EXPECT_EQ(store.whole_file_bytes_written(), 5U);
+  ASSERT_TRUE(store.replace("a/b/whole", "second, longer"));
+  EXPECT_EQ(dir_.read("a/b/whole"), "first");
+  ASSERT_TRUE(store.commit());
+  EXPECT_EQ(dir_.read("a/b/whole"), "second, longer");
+  EXPECT_EQ(snapshot().size(), 2U);
+  EXPECT_EQ(store.files_created(), 2U);
+}
+
+TEST_F(RollupStoreTest, WholeFilesAreTakenBackWithTheSlots) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  ASSERT_TRUE(store.replace("whole", "first") && write(store, "a.nnt", {60}) && store.commit());
+  const auto before = snapshot();
+  ASSERT_TRUE(store.replace("whole", "second") && store.replace("new", "x") && write(store, "a.nnt", {120}));
+  EXPECT_TRUE(store.roll_back());
+  EXPECT_EQ(snapshot(), before);
+  EXPECT_EQ(store.whole_file_bytes_written(), 5U);
+}
+
+TEST_F(RollupStoreTest, ReadsWholeFiles) {
+  RollupStore store;
+  ASSERT_TRUE(store.open(dir_.path()));
+  dir_.write("whole", "bytes");
+  std::string bytes;
+  bool exists = false;
+  ASSERT_TRUE(store.read("whole", 5, &bytes, &exists)) << store.error();
+  EXPECT_TRUE(exists);
+  EXPECT_EQ(bytes, "bytes");
+  ASSERT_TRUE(store.read("no/such/file", 5, &bytes, &exists)) << store.error();
+  EXPECT_FALSE(exists);
+}
+
+TEST_F(RollupStoreTest, NamesWholeFilesThatCannotBeRead) {
+  const auto error_of = [&](const std::string &file) {
+    RollupStore store;
+    std::string bytes;
+    bool exists = false;
+    EXPECT_TRUE(store.open(dir_.path()));
+    EXPECT_FALSE(store.read(file, 4, &bytes, &exists));
+    return store.error();
+  };
+  fs::create_directory(dir_.file("folder"));
+  ASSERT_EQ(mkfifo(dir_.file("pipe").c_str(), 0600), 0);
+  EXPECT_EQ(error_of(dir_.write("large", "bytes").substr(dir_.path().size() + 1)),
+            dir_.file("large") + ": is too large; move it away to go on");
+  EXPECT_EQ(error_of("folder"), dir_.file("folder") + ": is no regular file");
+  EXPECT_EQ(error_of("pipe"), dir_.file("pipe") + ": is no regular file");
+  EXPECT_EQ(error_of("large/below"), dir_.file("large/below") + ": cannot be opened: Not a directory");
+}
+
 TEST_F(RollupStoreTest, OneWriterAtATime) {
   RollupStore first, second;
   ASSERT_TRUE(first.open(dir_.path()));
