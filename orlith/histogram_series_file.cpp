@@ -11,8 +11,6 @@ namespace {
 
 constexpr std::string_view kFrameStart{"\x04\x22\x4d\x18", 4};
 constexpr size_t kReadBytes = size_t{1} << 18;
-// No image is larger before compression, and compression adds little to what it cannot shrink.
-constexpr size_t kMaxFileBytes = HISTOGRAM_SERIES_MAX_IMAGE_BYTES + (HISTOGRAM_SERIES_MAX_IMAGE_BYTES >> 6);
 
 // Up to `most` bytes from the start of the file: 0, or an errno.
 int read_start(const std::string &path, size_t most, std::string *bytes) {
@@ -49,9 +47,15 @@ bool is_series_file(const std::string &path) {
 int HistogramSeriesFile::read(const std::string &path) {
   series_.reset();
   std::string bytes;
-  if (const int error = read_start(path, kMaxFileBytes + 1, &bytes)) return error;
-  if (bytes.size() <= kMaxFileBytes) series_.reset(histogram_series_deserialize(bytes.data(), bytes.size()));
+  if (const int error = read_start(path, kMaxSeriesFileBytes + 1, &bytes)) return error;
+  parse(bytes);
   return 0;
+}
+
+bool HistogramSeriesFile::parse(std::string_view bytes) {
+  const bool fits = bytes.size() <= kMaxSeriesFileBytes;
+  series_.reset(fits ? histogram_series_deserialize(bytes.data(), bytes.size()) : nullptr);
+  return is_sound();
 }
 
 bool HistogramSeriesFile::for_each(

@@ -32,8 +32,8 @@ bool read_entries(RollupStore &store, const HistogramWindowFile &file, Entries *
   if (series.base_ms() != file.start_s * 1000 || series.window_ms() != file.window_s * 1000) {
     return store.refuse(file.path, "covers " + std::to_string(series.window_ms()) + " ms from " +
                                        std::to_string(series.base_ms()) + " ms instead of " +
-                                       std::to_string(file.window_s) + " s from " + std::to_string(file.start_s) +
-                                       " s; move it away to go on");
+                                       std::to_string(file.window_s) + " s from " +
+                                       std::to_string(file.start_s) + " s; move it away to go on");
   }
   const bool is_whole = series.for_each([&](uint64_t time_ms, const histogram_t *histogram) {
     const bool is_new = histogram != nullptr && time_ms - series.base_ms() <= series.window_ms() &&

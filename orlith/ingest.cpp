@@ -203,7 +203,8 @@ Run configure(CLI::App &app) {
       ->check(CLI::Range(uint64_t{0}, uint64_t{1} << 40))
       ->capture_default_str();
   app.add_flag("--with-source", options->with_source, "the lines carry the source field");
-  app.add_option("FILE", options->files, "files of M lines; standard input when there are none, or for -")
+  app.add_option("FILE", options->files,
+                 "files of M lines and histogram lines; standard input when there are none, or for -")
       ->type_name("FILE");
   return [options](Session &session) { return run(*options, session); };
 }
@@ -214,10 +215,11 @@ extern const Command ingest_command = {
     .name = "ingest",
     .summary = "fold samples into rollup files",
     .description =
-        "Reads M lines, finds the owners of each metric, folds the samples of the nodes that are \"me\" into "
-        "slots "
-        "and writes them as NNT files: DIR/<period>/<check>/<name>.nnt, below a folder a node with --me "
-        "all.\n\n"
+        "Reads M lines and histogram lines (those that begin with H), finds the owners of each metric, folds "
+        "the "
+        "samples of the nodes that are \"me\" into slots and writes them: numbers as NNT files, "
+        "DIR/<period>/<check>/<name>.nnt, histograms as series files, "
+        "DIR/<period>/<check>/<name>.hist/<start>.hss, all below a folder a node with --me all.\n\n"
         "Samples may come late and out of order; a slot that is already on disk is combined with what comes "
         "in. "
         "Lines that are no samples are counted by reason, and the first of each is shown; the exit code is "

@@ -32,6 +32,12 @@ std::string_view spelling(const mline_fields_t &fields) {
   return {fields.check.text, static_cast<size_t>(fields.name.text - fields.check.text) + fields.name.len};
 }
 
+Locator m_line_locator(const mline_fields_t &fields, int *code) {
+  orlith_metric_locator_t *created = nullptr;
+  *code = mline_locator(&fields, &created);
+  return Locator(created);
+}
+
 }  // namespace
 
 size_t IngestMetrics::Hash::operator()(std::string_view bytes) const {
@@ -40,18 +46,17 @@ size_t IngestMetrics::Hash::operator()(std::string_view bytes) const {
 
 IngestMetrics::IngestMetrics(MetricsConfig config)
     : config_(std::move(config)),
-      numeric_(Hash{random_seed()}),
-      texts_(Hash{random_seed()}),
+      numeric_(MetricKind::number, Hash{random_seed()}),
+      texts_(MetricKind::text, Hash{random_seed()}),
+      histograms_(MetricKind::histogram, Hash{random_seed()}),
       metrics_per_node_(config_.me.size()) {}
 
-Metric *IngestMetrics::find(const mline_fields_t &fields, int *code) {
-  const bool is_text = fields.type == ORLITH_METRIC_STRING;
-  Kind &kind = is_text ? texts_ : numeric_;
+Metric *IngestMetrics::find_in(Kind &kind, const mline_fields_t &fields, int *code) {
   const std::string_view as_written = spelling(fields);
   SpellingEntry *entry = kind.latest != nullptr ? kind.latest->second.follower : nullptr;
   if (entry == nullptr || entry->first != as_written) {
     const auto known = kind.as_written.find(as_written);
-    entry = known != kind.as_written.end() ? &*known : identify(fields, kind, is_text, code);
+    entry = known != kind.as_written.end() ? &*known : identify(fields, kind, code);
     if (entry == nullptr) return nullptr;
     if (kind.latest != nullptr) kind.latest->second.follower = entry;
   }
@@ -59,15 +64,13 @@ Metric *IngestMetrics::find(const mline_fields_t &fields, int *code) {
   return entry->second.metric;
 }
 
-IngestMetrics::SpellingEntry *IngestMetrics::identify(const mline_fields_t &fields, Kind &kind, bool is_text,
-                                                      int *code) {
-  orlith_metric_locator_t *created = nullptr;
-  *code = mline_locator(&fields, &created);
-  if (*code != 1) return nullptr;
-  const Locator locator(created);
+IngestMetrics::SpellingEntry *IngestMetrics::identify(const mline_fields_t &fields, Kind &kind, int *code) {
+  const Locator locator = kind.kind == MetricKind::histogram ? histogram_line_locator(fields, code)
+                                                             : m_line_locator(fields, code);
+  if (locator == nullptr) return nullptr;
 
-  std::unique_ptr<Metric> &metric = kind.canonical[locator_key(created)];
-  if (metric == nullptr) metric = place(created, is_text);
+  std::unique_ptr<Metric> &metric = kind.canonical[locator_key(locator.get())];
+  if (metric == nullptr) metric = place(locator.get(), kind.kind);
   return remember(spelling(fields), metric.get(), kind);
 }
 
@@ -83,10 +86,10 @@ IngestMetrics::SpellingEntry *IngestMetrics::remember(std::string_view as_writte
   return &*kind.as_written.emplace(as_written, Spelling{metric}).first;
 }
 
-std::unique_ptr<Metric> IngestMetrics::place(const orlith_metric_locator_t *locator, bool is_text) {
+std::unique_ptr<Metric> IngestMetrics::place(const orlith_metric_locator_t *locator, MetricKind kind) {
   auto metric = std::make_unique<Metric>();
   metric->key = locator_key(locator);
-  metric->is_text = is_text;
+  metric->kind = kind;
 
   std::array<host_config *, 10> owners{};
   const int count = topo_find_insertion_point_config_locator(config_.topology, locator, owners.data(), 0);
@@ -96,17 +99,29 @@ std::unique_ptr<Metric> IngestMetrics::place(const orlith_metric_locator_t *loca
     if (config_.me[node]) metric->my_owners.push_back(node);
   }
   std::sort(metric->my_owners.begin(), metric->my_owners.end());
-  if (is_text || metric->my_owners.empty()) return metric;
+  if (kind == MetricKind::text || metric->my_owners.empty()) return metric;
 
   std::array<char, kMaxPathForm + 1> path{};
   const size_t name_at =
       static_cast<size_t>(orlith_metric_locator_b64_path(locator, path.data(), path.size()));
   const std::string_view whole(path.data());
   metric->file =
-      metric_file_path(whole.substr(0, kUuidChars), whole.size() > name_at ? whole.substr(name_at) : "");
-  metric->series.reserve(config_.periods_s.size());
-  for (const uint32_t period_s : config_.periods_s) metric->series.emplace_back(period_s);
+      metric_file_path(whole.substr(0, kUuidChars), whole.size() > name_at ? whole.substr(name_at) : "",
+                       kind == MetricKind::histogram ? kHistSuffix : kNntSuffix);
+  add_slots(metric.get());
   return metric;
+}
+
+void IngestMetrics::add_slots(Metric *metric) {
+  if (metric->kind == MetricKind::number) {
+    metric->series.reserve(config_.periods_s.size());
+    for (const uint32_t period_s : config_.periods_s) metric->series.emplace_back(period_s);
+    return;
+  }
+  for (const uint32_t period_s : config_.periods_s) metric->histograms.emplace_back(period_s);
+  if (totals_.size() == kTotals) return;
+  metric->total = new_histogram();
+  totals_.push_back(metric);
 }
 
 std::vector<const Metric *> IngestMetrics::texts() const {

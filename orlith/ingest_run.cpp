@@ -7,6 +7,8 @@
 #include <cstring>
 #include <utility>
 
+#include "orlith/data_path.h"
+#include "orlith/histogram_line.h"
 #include "orlith/signals.h"
 #include "pobe/pobe.h"
 
@@ -85,7 +87,7 @@ bool IngestRun::checkpoint_is_due(const LineReader &reader) {
   // Every metric keeps a slot open; with many of them a checkpoint for a few slots each would spend its time on
   // opening files.
   const size_t may_open = std::max(options_.max_open_slots, kSlotsPerSeries * slots_kept_open_);
-  if (open_slots_ >= slots_kept_open_ + may_open) return true;
+  if (open_slots_ >= slots_kept_open_ + may_open || open_buckets_ >= options_.max_open_buckets) return true;
   return totals_.lines % kLinesPerClockLook == 0 && pipe_checkpoint_is_due(reader);
 }
 
@@ -111,6 +113,7 @@ void IngestRun::take(const InputLine &line) {
   // The splitter stops at a NUL byte. That is told as what it is, not as what its stopping makes of the line.
   mline_fields_t fields;
   int code = mline_split(line.text.data(), line.text.size(), !options_.with_source, &fields);
+  if (code == 0 && line.text.front() == 'H') return take_histogram_line(line, &fields);
   const bool reached_end =
       code == 1 && fields.value.text + fields.value.len == line.text.data() + line.text.size();
   if (!reached_end && memchr(line.text.data(), '\0', line.text.size()) != nullptr)
@@ -124,7 +127,7 @@ void IngestRun::take(const InputLine &line) {
 
   Metric *metric = metrics_.find(fields, &code);
   if (metric == nullptr) return refuse(refusal_of_code(code), line, &fields);
-  if (metric->is_text) {
+  if (metric->kind == MetricKind::text) {
     take_text(*metric, fields);
   } else {
     take_number(*metric, fields, line);
@@ -164,9 +167,49 @@ void IngestRun::take_number(Metric &metric, const mline_fields_t &fields, const 
 
 void IngestRun::fold(Metric &metric, const metric_value_t &sample) {
   for (SlotSeries &series : metric.series) open_slots_ += series.fold(sample) ? 1 : 0;
+  count_fold(metric, sample.whence_ms);
+}
+
+void IngestRun::take_histogram_line(const InputLine &line, mline_fields_t *fields) {
+  if (memchr(line.text.data(), '\0', line.text.size()) != nullptr) return refuse(Refusal::nul_byte, line);
+  int code = histogram_line_split(fields);
+  if (code != 1) return refuse(refusal_of_histogram_code(code), line);
+  if (const auto fault = timestamp_fault(view(fields->timestamp))) return refuse(*fault, line);
+  if (fields->whence_ms > latest_ms_ && lies_too_far_ahead(fields->whence_ms))
+    return refuse(Refusal::in_the_future, line);
+  const bool is_null = fields->value.len == 0;
+  const Histogram sample = is_null ? nullptr : histogram_of_text(view(fields->value));
+  if (!is_null && sample == nullptr) return refuse(Refusal::value_no_histogram, line);
+
+  Metric *metric = metrics_.find_histogram(*fields, &code);
+  if (metric == nullptr) return refuse(refusal_of_histogram_code(code), line, fields);
+  if (is_null) {
+    ++totals_.null_samples;
+    return;
+  }
+  take_histogram(*metric, fields->whence_ms, sample.get(), line);
+}
+
+void IngestRun::take_histogram(Metric &metric, uint64_t whence_ms, const histogram_t *sample,
+                               const InputLine &line) {
+  const bool has_room =
+      std::all_of(metric.histograms.begin(), metric.histograms.end(),
+                  [&](const HistogramSlots &slots) { return slots.has_room(whence_ms, sample); });
+  if (!has_room) return refuse(Refusal::count_too_large, line);
+  ++totals_.histogram_samples;
+  if (metric.my_owners.empty()) {
+    ++totals_.foreign_samples;
+    return;
+  }
+  for (HistogramSlots &slots : metric.histograms) open_buckets_ += slots.fold(whence_ms, sample);
+  if (metric.total != nullptr) accumulate(metric.total.get(), sample);
+  count_fold(metric, whence_ms);
+}
+
+void IngestRun::count_fold(Metric &metric, uint64_t whence_ms) {
   for (const size_t node : metric.my_owners) ++totals_.samples_per_node[node];
-  totals_.first_ms = std::min(totals_.first_ms, sample.whence_ms);
-  totals_.last_ms = std::max(totals_.last_ms, sample.whence_ms);
+  totals_.first_ms = std::min(totals_.first_ms, whence_ms);
+  totals_.last_ms = std::max(totals_.last_ms, whence_ms);
   if (metric.dirty) return;
   metric.dirty = true;
   dirty_.push_back(&metric);
@@ -202,7 +245,17 @@ bool IngestRun::write_metric(Metric &metric) {
   for (SlotSeries &series : metric.series) {
     if (!write_series(metric, series)) return false;
   }
+  for (const HistogramSlots &slots : metric.histograms) {
+    if (!write_histograms(metric, slots)) return false;
+  }
   return true;
+}
+
+// Below the data folder.
+std::string IngestRun::file_of(const Metric &metric, size_t owner, uint32_t period_s) const {
+  const std::string below_node = std::to_string(period_s) + "/" + metric.file;
+  if (!options_.folder_per_node) return below_node;
+  return std::string(options_.topology->hc[metric.my_owners[owner]].id_str) + "/" + below_node;
 }
 
 bool IngestRun::write_series(Metric &metric, SlotSeries &series) {
@@ -213,12 +266,25 @@ bool IngestRun::write_series(Metric &metric, SlotSeries &series) {
     }
   }
   if (writes.empty()) return true;
-  const std::string below_node = std::to_string(series.period_s()) + "/" + metric.file;
   for (size_t i = 0; i < metric.my_owners.size(); ++i) {
-    const char *node = options_.topology->hc[metric.my_owners[i]].id_str;
-    const SlotFile file = {options_.folder_per_node ? std::string(node) + "/" + below_node : below_node,
-                           series.period_s(), i, metric.my_owners.size()};
+    const SlotFile file = {file_of(metric, i, series.period_s()), series.period_s(), i,
+                           metric.my_owners.size()};
     if (!store_.write(file, writes)) return false;
+  }
+  return true;
+}
+
+bool IngestRun::write_histograms(Metric &metric, const HistogramSlots &slots) {
+  for (auto first = slots.slots().begin(); first != slots.slots().end();) {
+    const uint64_t start_s = slots.window_start_s(first->first);
+    const auto end = slots.slots().lower_bound(start_s + std::max(slots.window_s(), slots.period_s()));
+    for (size_t i = 0; i < metric.my_owners.size(); ++i) {
+      const HistogramWindowFile file = {
+          file_of(metric, i, slots.period_s()) + "/" + std::to_string(start_s) + std::string(kSeriesSuffix),
+          start_s, slots.window_s()};
+      if (!write_histogram_window(store_, file, first, end)) return false;
+    }
+    first = end;
   }
   return true;
 }
@@ -229,9 +295,12 @@ void IngestRun::close_slots() {
       open_slots_ -= series.close_all_but_newest();
       series.slots().newest().dirty = false;
     }
+    for (HistogramSlots &slots : metric->histograms)
+      totals_.histogram_files += slots.close_all() * metric->my_owners.size();
     if (!metric->has_files) totals_.files += metric->series.size() * metric->my_owners.size();
     metric->has_files = true;
     metric->dirty = false;
   }
   dirty_.clear();
+  open_buckets_ = 0;
 }

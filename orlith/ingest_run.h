@@ -1,9 +1,9 @@
 // One run of ingestion: lines in, slots folded in memory, checkpoints on the disk.
 //
 // The memory a run takes depends on the number of metrics and of open slots, not on the number of lines: when
-// `max_open_slots` are open (or a few for each metric, if that is more), everything is written (a checkpoint) and all
-// but each metric's newest slot is closed. A checkpoint is whole or undone, so the input is always stored up to
-// exactly one line.
+// `max_open_slots` are open (or a few for each metric, if that is more), or the open slots of histograms hold
+// `max_open_buckets`, everything is written (a checkpoint) and all is closed but the newest slot of each metric of
+// numbers. A checkpoint is whole or undone, so the input is always stored up to exactly one line.
 #ifndef ORLITH_INGEST_RUN_H
 #define ORLITH_INGEST_RUN_H
 
@@ -31,6 +31,7 @@ struct IngestOptions {
   std::function<uint64_t()> now_ms;
   uint64_t future_bound_ms = 0;
   size_t max_open_slots = size_t{1} << 18;
+  size_t max_open_buckets = size_t{1} << 22;  // of histograms
   // What a pipe brought is written at least this often, also while it brings nothing more.
   time_t pipe_checkpoint_interval_s = 15;
 };
@@ -49,12 +50,14 @@ struct IngestTotals {
   uint64_t samples = 0;  // numeric, not null, of any owner
   uint64_t null_samples = 0;
   uint64_t text_samples = 0;
-  uint64_t foreign_samples = 0;  // of the samples: none of its owners is me
+  uint64_t histogram_samples = 0;  // not null, of any owner
+  uint64_t foreign_samples = 0;    // of the samples and histograms: none of its owners is me
   uint64_t refused = 0;
   std::array<RefusalCount, kRefusalCount> refusals;
   uint64_t first_ms = UINT64_MAX;  // times of the samples that were folded
   uint64_t last_ms = 0;
-  uint64_t files = 0;  // distinct files written
+  uint64_t files = 0;            // distinct NNT files written
+  uint64_t histogram_files = 0;  // distinct series files written
   uint64_t checkpoints = 0;
   std::vector<uint64_t> samples_per_node;  // folded, by node number
 };
@@ -86,10 +89,15 @@ class IngestRun {
   void take_text(Metric &metric, const mline_fields_t &fields);
   void take_number(Metric &metric, const mline_fields_t &fields, const InputLine &line);
   void fold(Metric &metric, const metric_value_t &sample);
+  void take_histogram_line(const InputLine &line, mline_fields_t *fields);
+  void take_histogram(Metric &metric, uint64_t whence_ms, const histogram_t *sample, const InputLine &line);
+  void count_fold(Metric &metric, uint64_t whence_ms);
   void refuse(Refusal refusal, const InputLine &line, const mline_fields_t *fields = nullptr);
   bool checkpoint();
   bool write_metric(Metric &metric);
   bool write_series(Metric &metric, SlotSeries &series);
+  bool write_histograms(Metric &metric, const HistogramSlots &slots);
+  std::string file_of(const Metric &metric, size_t owner, uint32_t period_s) const;
   void close_slots();
 
   IngestOptions options_;
@@ -98,6 +106,7 @@ class IngestRun {
   IngestTotals totals_;
   std::vector<Metric *> dirty_;
   size_t open_slots_ = 0;
+  size_t open_buckets_ = 0;
   uint64_t latest_ms_ = 0;      // what the clock allowed when it was last asked
   size_t slots_kept_open_ = 0;  // of these, left by the last checkpoint
   time_t last_checkpoint_s_;

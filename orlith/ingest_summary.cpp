@@ -32,10 +32,12 @@ void write_counts(const IngestReport &report, Session &session) {
     samples += fmt::format(", {} of other nodes' metrics", human_count(totals.foreign_samples));
   if (totals.null_samples > 0) samples += ", and " + counted(totals.null_samples, "null");
   if (totals.text_samples > 0) samples += ", and " + counted(totals.text_samples, "texts");
+  if (totals.histogram_samples > 0) samples += ", and " + counted(totals.histogram_samples, "histograms");
   row(session, "samples", samples);
   row(session, "metrics",
-      fmt::format("{} numeric, {} text", human_count(report.run.metrics().numeric_count()),
-                  human_count(report.run.metrics().text_count())));
+      fmt::format("{} numeric, {} text, {} histogram", human_count(report.run.metrics().numeric_count()),
+                  human_count(report.run.metrics().text_count()),
+                  human_count(report.run.metrics().histogram_count())));
   if (totals.last_ms >= totals.first_ms) {
     row(session, "time",
         fmt::format("{} to {}", iso_time(totals.first_ms / 1000), iso_time(totals.last_ms / 1000)));
@@ -43,11 +45,15 @@ void write_counts(const IngestReport &report, Session &session) {
   if (report.end != IngestEnd::complete) row(session, "stored", stored_text(report.run.stored_up_to()));
   const RollupStore &store = report.run.store();
   row(session, "files",
-      fmt::format("{} written, {} of them new", human_count(totals.files),
+      fmt::format("{} written, {} of them new", human_count(totals.files + totals.histogram_files),
                   human_count(store.files_created())));
   row(session, "records",
       fmt::format("{}, {}", human_count(store.records_written()),
                   human_bytes(store.records_written() * kRecordBytes)));
+  if (totals.histogram_files == 0) return;
+  row(session, "histograms",
+      fmt::format("{}, {} written", counted(totals.histogram_files, "series files"),
+                  human_bytes(store.whole_file_bytes_written())));
 }
 
 void write_owners(const IngestReport &report, Session &session) {
@@ -87,6 +93,34 @@ void write_texts(const IngestReport &report, Session &session) {
     session.out << fmt::format("  and {} more (--json has them all)\n",
                                human_count(texts.size() - kTextsShown));
   }
+}
+
+void write_histograms(const IngestReport &report, Session &session) {
+  const IngestMetrics &metrics = report.run.metrics();
+  if (metrics.totals().empty()) return;
+  session.out << "\nhistograms\n";
+  for (const Metric *metric : metrics.totals()) {
+    const histogram_t *total = metric->total.get();
+    session.out << fmt::format("  {}\n  {:>12} values  p50 {:.4g}  p99 {:.4g}\n", escaped(metric->key),
+                               human_count(hist_sample_count(total)), quantile_of(total, 0.5),
+                               quantile_of(total, 0.99));
+  }
+  if (metrics.totals().size() == IngestMetrics::kTotals && metrics.histogram_count() > IngestMetrics::kTotals)
+    session.out << "  and more; 'orlith hist show' draws any\n";
+}
+
+Json histograms_json(const IngestMetrics &metrics) {
+  Json result = Json::array();
+  for (const Metric *metric : metrics.totals()) {
+    const histogram_t *total = metric->total.get();
+    Json entry = Json::object();
+    entry.set("metric", metric->key)
+        .set("count", hist_sample_count(total))
+        .set("p50", quantile_of(total, 0.5))
+        .set("p99", quantile_of(total, 0.99));
+    result.add(std::move(entry));
+  }
+  return result;
 }
 
 Json position_json(const InputPosition &position) {
@@ -143,6 +177,7 @@ Json texts_json(const IngestRun &run) {
 void write_summary_text(const IngestReport &report, Session &session) {
   write_counts(report, session);
   write_owners(report, session);
+  write_histograms(report, session);
   write_texts(report, session);
   write_refusals(report, session);
 }
@@ -159,6 +194,9 @@ void write_summary_json(const IngestReport &report, Session &session) {
       .set("bytes", store.records_written() * kRecordBytes)
       .set("damaged_records_replaced", store.damaged_records());
 
+  Json histogram_files = Json::object();
+  histogram_files.set("written", totals.histogram_files).set("bytes", store.whole_file_bytes_written());
+
   Json summary = Json::object();
   summary.set("complete", report.end == IngestEnd::complete)
       .set("stored_up_to", position_json(report.run.stored_up_to()))
@@ -168,13 +206,17 @@ void write_summary_json(const IngestReport &report, Session &session) {
       .set("foreign_samples", totals.foreign_samples)
       .set("null_samples", totals.null_samples)
       .set("text_samples", totals.text_samples)
+      .set("histogram_samples", totals.histogram_samples)
       .set("metrics", report.run.metrics().numeric_count())
       .set("text_metrics", report.run.metrics().text_count())
+      .set("histogram_metrics", report.run.metrics().histogram_count())
       .set("refused", totals.refused)
       .set("refusals", refusals_json(totals))
       .set("periods", std::move(periods))
       .set("files", std::move(files))
+      .set("histogram_files", std::move(histogram_files))
       .set("owners", owners_json(report))
+      .set("histograms", histograms_json(report.run.metrics()))
       .set("texts", texts_json(report.run))
       .set("bytes_read", report.bytes_read)
       .set("duration_s", report.duration_s);
