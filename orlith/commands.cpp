@@ -9,6 +9,7 @@
   X(topo_show)             \
   X(topo_place)            \
   X(topo_diff)             \
+  X(topo_save)             \
   X(nnt_info)              \
   X(nnt_dump)              \
   X(nnt_plot)              \

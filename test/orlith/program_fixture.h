@@ -28,6 +28,7 @@ struct ProgramTest : testing::Test {
       lines += "M\t" + std::to_string(1700000000 + i * 30) +
                ".000\t1b4e28ba-2fa1-11d2-883f-0016d3cca427\tcpu|ST[core:1]\tL\t" + std::to_string(i) + "\n";
     folder.write("lines.txt", lines);
+    folder.write("orlith.conf", "<orlith/>\n");
     // 1 once and 2 twice.
     folder.write("histograms.txt",
                  "H\t1700000000\t1b4e28ba-2fa1-11d2-883f-0016d3cca427\tlatency\taBACCsABCgI=\n");
