@@ -52,6 +52,10 @@ const uint64_t *hist_counts(const histogram_t *h) {
   return h == nullptr ? nullptr : h->counts.data();
 }
 
+uint64_t *hist_mutable_counts(histogram_t *h) {
+  return h == nullptr ? nullptr : h->counts.data();
+}
+
 histogram_t *hist_of_columns(const hist_code_t *codes, const uint64_t *counts, int n) {
   if (n < 0 || n > HIST_MAX_BUCKETS || (n > 0 && (codes == nullptr || counts == nullptr))) return nullptr;
   const auto size = static_cast<size_t>(n);

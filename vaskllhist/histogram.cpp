@@ -2,9 +2,32 @@
 #include "vaskllhist/histogram_private.h"
 
 #include <algorithm>
+#include <cstring>
 #include <new>
 
 using vaskllhist::Code;
+
+namespace {
+
+bool has_zero(const std::vector<uint64_t> &counts) {
+  typedef uint64_t Pair __attribute__((vector_size(16)));
+  constexpr size_t kAtOnce = 8;
+  const uint64_t *at = counts.data();
+  const uint64_t *const end = at + counts.size();
+  // Only of 0 both the complement and the predecessor have the top bit.
+  Pair zeros[2] = {};
+  for (; static_cast<size_t>(end - at) >= kAtOnce; at += kAtOnce) {
+    Pair pairs[kAtOnce / 2];
+    memcpy(pairs, at, sizeof(pairs));
+    zeros[0] |= ((pairs[0] - 1) & ~pairs[0]) | ((pairs[1] - 1) & ~pairs[1]);
+    zeros[1] |= ((pairs[2] - 1) & ~pairs[2]) | ((pairs[3] - 1) & ~pairs[3]);
+  }
+  uint64_t zero = zeros[0][0] | zeros[0][1] | zeros[1][0] | zeros[1][1];
+  for (; at < end; ++at) zero |= (*at - 1) & ~*at;
+  return zero >> 63 != 0;
+}
+
+}  // namespace
 
 size_t histogram::position_of(Code code) const noexcept {
   return static_cast<size_t>(std::lower_bound(codes.begin(), codes.end(), code) - codes.begin());
@@ -86,7 +109,8 @@ bool hist_is_difference(const histogram_t *h) {
 }
 
 void hist_remove_zeroes(histogram_t *h) {
-  if (h == nullptr) return;
+  // Mostly there are none, and looking is quicker than moving.
+  if (h == nullptr || !has_zero(h->counts)) return;
   size_t kept = 0;
   for (size_t i = 0; i < h->size(); ++i) {
     if (h->counts[i] == 0) continue;
@@ -94,7 +118,6 @@ void hist_remove_zeroes(histogram_t *h) {
     h->counts[kept] = h->counts[i];
     ++kept;
   }
-  if (kept == h->size()) return;
   h->codes.resize(kept);
   h->counts.resize(kept);
   h->lookup.reset();

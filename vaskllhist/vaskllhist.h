@@ -166,6 +166,9 @@ static inline hist_bucket_t hist_bucket_of_code(hist_code_t code) {
  * pointer to nothing, when there are none. */
 HIST_EXPORT const hist_code_t *hist_codes(const histogram_t *h);
 HIST_EXPORT const uint64_t *hist_counts(const histogram_t *h);
+/* The counts once more, to be changed in place; any 64 bits go. Buckets that become zero stay: see hist_remove_zeroes.
+ * Borrowed and null as above. */
+HIST_EXPORT uint64_t *hist_mutable_counts(histogram_t *h);
 /* A new histogram, owned by the caller, with copies of these columns of `n` buckets. Null when the codes do not ascend
  * or one is that of no bucket, when there are none for a number above 0, and when out of memory. */
 HIST_EXPORT histogram_t *hist_of_columns(const hist_code_t *codes, const uint64_t *counts, int n);

@@ -74,6 +74,8 @@ static void call_columns(const histogram_t *h) {
   CHECK(hist_bucket_count(same) == n && hist_sample_count(same) == hist_sample_count(h));
   const hist_code_t first = hist_codes(h)[0];
   CHECK(hist_code_of_bucket(hist_bucket_of_code(first)) == first);
+  hist_mutable_counts(same)[0] += 2;
+  CHECK(hist_counts(same)[0] == hist_counts(h)[0] + 2);
   hist_free(same);
 }
 

@@ -87,4 +87,31 @@ TEST(HistColumns, NothingMakesAnEmptyHistogram) {
   EXPECT_EQ(hist_of_columns(nullptr, nullptr, -1), nullptr);
   EXPECT_EQ(hist_codes(nullptr), nullptr);
   EXPECT_EQ(hist_counts(nullptr), nullptr);
+  EXPECT_EQ(hist_mutable_counts(nullptr), nullptr);
+}
+
+TEST(HistColumns, CountsAreChangedInPlace) {
+  const Histogram h(hist_alloc());
+  for (int i = 0; i < 30; ++i) hist_insert_scaled(h.get(), 10 + i, 0, 1);
+  hist_mutable_counts(h.get())[5] = UINT64_MAX - 1;
+  hist_mutable_counts(h.get())[6] = 0;
+  EXPECT_EQ(hist_count_at(h.get(), {15, 1}), UINT64_MAX - 1);
+  EXPECT_EQ(hist_bucket_count(h.get()), 30);
+  // The table that counting goes through is still right.
+  hist_insert_scaled(h.get(), 16, 0, 3);
+  EXPECT_EQ(hist_counts(h.get())[6], 3U);
+}
+
+TEST(HistColumns, ZeroesAreFoundWhereverTheyAre) {
+  const uint64_t others[] = {1, INT64_MAX, uint64_t{1} << 63, UINT64_MAX, uint64_t{1} << 32};
+  for (int n = 1; n < 40; ++n) {
+    for (int zero = 0; zero <= n; ++zero) {
+      const Histogram h(hist_alloc());
+      for (int i = 0; i < n; ++i) hist_insert_scaled(h.get(), 10 + i, 0, i == zero ? 0 : others[i % 5]);
+      hist_remove_zeroes(h.get());
+      ASSERT_EQ(hist_bucket_count(h.get()), zero < n ? n - 1 : n) << zero;
+      for (int i = 0; i < n; ++i)
+        ASSERT_EQ(hist_count_at(h.get(), {static_cast<int8_t>(10 + i), 1}), i == zero ? 0 : others[i % 5]);
+    }
+  }
 }
