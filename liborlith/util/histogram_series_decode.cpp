@@ -1,6 +1,5 @@
 // From an image to a series, and from an entry's data to its histogram.
 #include <algorithm>
-#include <cstddef>
 #include <cstdlib>
 #include <new>
 
@@ -36,7 +35,10 @@ bool find_data(const histogram_series_t *hs, uint32_t i, Data *out) {
   return true;
 }
 
-// Buckets being put together. Most histograms have few, and need no memory for it.
+// Most histograms have at most so many buckets.
+constexpr size_t kFew = 512;
+
+// Buckets being put together, without memory from the heap where they are few.
 class Buckets {
  public:
   // Room for so many; false when memory ran out.
@@ -53,7 +55,6 @@ class Buckets {
   }
 
  private:
-  static constexpr size_t kFew = 512;
   std::unique_ptr<hist_code_t[]> many_codes_;
   std::unique_ptr<uint64_t[]> many_counts_;
   hist_code_t few_codes_[kFew];
@@ -64,6 +65,9 @@ class Buckets {
   uint64_t *counts = few_counts_;
   size_t n = 0;
 };
+
+constexpr unsigned kMinMantissa = 10;
+constexpr unsigned kMaxMantissa = 99;
 
 bool is_bucket(hist_bucket_t bucket) {
   const bool is_positive = bucket.val >= 10 && bucket.val <= 99;
@@ -106,37 +110,19 @@ bool add_change(uint64_t count, uint64_t change, uint64_t *sum) {
   return (static_cast<int64_t>(change) < 0) == (*sum < count);
 }
 
-// Adds to the buckets that are there, the usual case. False when one of the difference is not, or when a count leaves
-// its range; some have been added to then.
-bool add_to_known(const Buckets &difference, Buckets &sum) {
-  if (sum.n == 0 || difference.n == 0) return difference.n == 0;
-  if (difference.codes[0] < sum.codes[0]) return false;
-  const hist_code_t *at = sum.codes;
-  const hist_code_t *const last = at + sum.n - 1;
-  for (size_t k = 0; k < difference.n; ++k) {
-    const hist_code_t code = difference.codes[k];
-    // It is at most as many places ahead as the codes are apart, since they ascend, and exactly as many where no
-    // bucket is missing in between; where some are, it is mostly near.
-    const auto apart = static_cast<std::ptrdiff_t>(code - *at);
-    const hist_code_t *ahead = at + std::min(apart, last - at);
-    if (*ahead == code) at = ahead;
-    while (at != ahead && *at < code) ++at;
-    uint64_t &count = sum.counts[at - sum.codes];
-    if (*at != code || !add_change(count, difference.counts[k], &count)) return false;
-  }
-  return true;
-}
-
+// What hist_add_as_int64() and hist_remove_zeroes() make of a copy of `prior`, taken for unsigned counts: false when a
+// count leaves its range, or when memory ran out.
 bool add_by_merging(const histogram_t *prior, const Buckets &difference, Buckets &sum) {
   const hist_code_t *codes = hist_codes(prior);
   const uint64_t *counts = hist_counts(prior);
   const auto n = static_cast<size_t>(hist_bucket_count(prior));
+  if (!sum.reserve(n + difference.n)) return false;
   bool good = true;
-  sum.n = 0;
   const auto put = [&](hist_code_t code, uint64_t count, uint64_t change) {
+    uint64_t &total = sum.counts[sum.n];
     sum.codes[sum.n] = code;
-    good &= add_change(count, change, &sum.counts[sum.n]);
-    ++sum.n;
+    good &= add_change(count, change, &total);
+    sum.n += total != 0;
   };
   size_t i = 0;
   for (size_t k = 0; k < difference.n; ++k) {
@@ -150,28 +136,67 @@ bool add_by_merging(const histogram_t *prior, const Buckets &difference, Buckets
   return good;
 }
 
-void remove_zeroes(Buckets &buckets) {
-  if (std::find(buckets.counts, buckets.counts + buckets.n, 0) == buckets.counts + buckets.n) return;
-  size_t kept = 0;
-  for (size_t i = 0; i < buckets.n; ++i) {
-    buckets.codes[kept] = buckets.codes[i];
-    buckets.counts[kept] = buckets.counts[i];
-    kept += buckets.counts[i] != 0;
+// Where a column of codes has the buckets of a difference. False when it is not the usual case: that they are few,
+// positive, in order and all there.
+bool find_buckets(const Data &data, const hist_code_t *codes, size_t n, uint16_t *indices) {
+  if (data.n > kFew) return false;
+  size_t next = 0;   // no bucket before it may follow
+  size_t shift = 0;  // from the index to the code: the same for all neighbours in a decade that has no gaps
+  for (size_t i = 0; i < data.n;) {
+    const uint8_t exponent = data.exponents[i];
+    const unsigned decade = 0x8000u | (exponent ^ 0x80u) << 7;
+    unsigned mantissa = 0;
+    do {
+      mantissa += data.mantissas[i];
+      if (mantissa - kMinMantissa > kMaxMantissa - kMinMantissa) return false;
+      const unsigned code = decade | mantissa;
+      size_t index = code - shift;
+      if (index < next || index >= n || codes[index] != code) {
+        for (index = next; index < n && codes[index] < code;) ++index;
+        if (index == n || codes[index] != code) return false;
+        shift = code - index;
+      }
+      next = index + 1;
+      indices[i++] = static_cast<uint16_t>(index);
+    } while (i < data.n && data.exponents[i] == exponent);
   }
-  buckets.n = kept;
+  return true;
 }
 
-// What hist_add_as_int64() and hist_remove_zeroes() make of a copy of `prior`: false when a count leaves its range, or
-// when memory ran out.
-bool add_difference(const histogram_t *prior, const Buckets &difference, Buckets &sum) {
-  const auto n = static_cast<size_t>(hist_bucket_count(prior));
-  if (!sum.reserve(n + difference.n)) return false;
-  std::copy_n(hist_codes(prior), n, sum.codes);
-  std::copy_n(hist_counts(prior), n, sum.counts);
-  sum.n = n;
-  if (!add_to_known(difference, sum) && !add_by_merging(prior, difference, sum)) return false;
-  remove_zeroes(sum);
-  return true;
+// Adds the counts of a difference to those that they belong to. False when they end too late or too early, or when a
+// sum leaves the range of a count. `is_zero` tells whether a sum is 0.
+bool add_counts(const Data &data, const uint16_t *indices, uint64_t *counts, bool *is_zero) {
+  const uint8_t *at = data.counts;
+  bool good = true;
+  bool zero = false;
+  for (size_t i = 0; i < data.n; ++i) {
+    int64_t change;
+    at = hss::hss_read_bvcount(at, data.counts_end, &change);
+    if (at == nullptr) return false;
+    uint64_t &count = counts[indices[i]];
+    good &= add_change(count, static_cast<uint64_t>(change), &count);
+    zero |= count == 0;
+  }
+  *is_zero = zero;
+  return good && at == data.counts_end;
+}
+
+// The usual case of a difference, from its bytes to a copy of `prior`. Null when it is another, and whenever anything
+// is wrong: the long way then finds out what.
+hss::HistogramPtr add_to_copy(const Data &data, const histogram_t *prior) {
+  if (hist_is_difference(prior)) return nullptr;
+  hss::HistogramPtr sum(hist_clone(prior));
+  if (sum == nullptr) return nullptr;
+  hist_remove_zeroes(sum.get());
+  uint16_t indices[kFew];
+  bool is_zero;
+  if (!find_buckets(data, hist_codes(sum.get()), static_cast<size_t>(hist_bucket_count(sum.get())),
+                    indices) ||
+      !add_counts(data, indices, hist_mutable_counts(sum.get()), &is_zero)) {
+    return nullptr;
+  }
+  if (is_zero) hist_remove_zeroes(sum.get());
+  return sum;
 }
 
 }  // namespace
@@ -181,11 +206,15 @@ hss::HistogramPtr hss::decode_entry(const histogram_series_t *hs, uint32_t i, co
   if (encoding != kWhole && encoding != kDifference) return nullptr;
   if (encoding == kDifference && prior == nullptr) return nullptr;
   Data data;
+  if (!find_data(hs, i, &data)) return nullptr;
+  if (encoding == kDifference) {
+    if (HistogramPtr sum = add_to_copy(data, prior)) return sum;
+  }
   Buckets stored;
-  if (!find_data(hs, i, &data) || !read_buckets(data, stored)) return nullptr;
+  if (!read_buckets(data, stored)) return nullptr;
   if (encoding == kWhole) return stored.histogram();
   Buckets sum;
-  return add_difference(prior, stored, sum) ? sum.histogram() : nullptr;
+  return add_by_merging(prior, stored, sum) ? sum.histogram() : nullptr;
 }
 
 // ---- The image
