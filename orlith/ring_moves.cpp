@@ -67,6 +67,7 @@ std::vector<MoveShare> ring_moves(const topo_config &before, const topo_config &
       },
       on_progress);
   std::vector<MoveShare> shares;
+  shares.reserve(lengths.size());
   for (const auto &[ends, length] : lengths)
     shares.push_back({{ends.first, ends.second}, std::ldexp(static_cast<double>(length), -kRingSpaceBits)});
   std::sort(shares.begin(), shares.end(), [](const MoveShare &a, const MoveShare &b) {
