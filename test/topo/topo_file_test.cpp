@@ -92,7 +92,8 @@ TEST_F(TopoFile, TheFolderMayBeConfiguredInAnIncludedFile) {
   std::filesystem::create_directory(dir.file("parts"));
   dir.write("parts/topology.conf", "<topology path=\"topologies\"/>");
   configure("<orlith><include file=\"parts/topology.conf\"/></orlith>");
-  EXPECT_EQ(found(signature), dir.file("topologies/" + signature)) << "beside the configuration file all the same";
+  EXPECT_EQ(found(signature), dir.file("topologies/" + signature))
+      << "beside the configuration file all the same";
 }
 
 TEST_F(TopoFile, OnlyWhatIsThereIsFound) {
