@@ -4,12 +4,14 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdlib>
 #include <type_traits>
 
@@ -134,11 +136,14 @@ int __real_open(const char *path, int flags, ...);
 int __real_close(int fd);
 ssize_t __real_pread(int fd, void *buffer, size_t len, off_t offset);
 ssize_t __real_pwrite(int fd, const void *buffer, size_t len, off_t offset);
+ssize_t __real_pwritev(int fd, const struct iovec *parts, int count, off_t offset);
+ssize_t __real_read(int fd, void *buffer, size_t len);
 ssize_t __real_write(int fd, const void *buffer, size_t len);
 int __real_fstat(int fd, struct stat *st);
 void *__real_mmap(void *addr, size_t len, int prot, int flags, int fd, off_t offset);
 int __real_ftruncate(int fd, off_t len);
 int __real_fsync(int fd);
+int __real_fdatasync(int fd);
 int __real_syncfs(int fd);
 int __real_mkstemp(char *name);
 int __real_rename(const char *from, const char *to);
@@ -180,6 +185,23 @@ ssize_t __wrap_pwrite(int fd, const void *buffer, size_t len, off_t offset) {
   if (Faults::answered(Call::pwrite, ssize_t{-1}, &result)) return result;
   return __real_pwrite(fd, buffer, Faults::allowed(Call::pwrite, len), offset);
 }
+ssize_t __wrap_pwritev(int fd, const struct iovec *parts, int count, off_t offset) {
+  ssize_t result;
+  if (Faults::answered(Call::pwritev, ssize_t{-1}, &result)) return result;
+  iovec shorter[8];
+  int parts_left = 0;
+  size_t left = Faults::allowed(Call::pwritev, SIZE_MAX);
+  for (; parts_left < count && parts_left < 8; ++parts_left) {
+    shorter[parts_left] = {parts[parts_left].iov_base, std::min(parts[parts_left].iov_len, left)};
+    left -= shorter[parts_left].iov_len;
+  }
+  return __real_pwritev(fd, shorter, parts_left, offset);
+}
+ssize_t __wrap_read(int fd, void *buffer, size_t len) {
+  ssize_t result;
+  if (Faults::answered(Call::read, ssize_t{-1}, &result)) return result;
+  return __real_read(fd, buffer, Faults::allowed(Call::read, len));
+}
 ssize_t __wrap_write(int fd, const void *buffer, size_t len) {
   ssize_t result;
   if (Faults::answered(Call::write, ssize_t{-1}, &result)) return result;
@@ -201,6 +223,10 @@ int __wrap_ftruncate(int fd, off_t len) {
 int __wrap_fsync(int fd) {
   int result;
   return Faults::answered(Call::fsync, -1, &result) ? result : __real_fsync(fd);
+}
+int __wrap_fdatasync(int fd) {
+  int result;
+  return Faults::answered(Call::fdatasync, -1, &result) ? result : __real_fdatasync(fd);
 }
 int __wrap_syncfs(int fd) {
   int result;

@@ -16,11 +16,14 @@ enum class Call {
   close,
   pread,
   pwrite,
+  pwritev,
+  read,
   write,
   fstat,
   mmap,
   ftruncate,
   fsync,
+  fdatasync,
   syncfs,
   mkstemp,
   rename,
@@ -74,7 +77,7 @@ class Answer : public Fault {
   Answer(Call call, long result, int first = 1, int times = always);
 };
 
-// They (pread, pwrite or write) move at most `at_most` bytes.
+// They (pread, pwrite, pwritev, read or write) move at most `at_most` bytes.
 class Short : public Fault {
  public:
   Short(Call call, size_t at_most, int first = 1, int times = always);
