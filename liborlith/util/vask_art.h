@@ -2,7 +2,7 @@
  *
  * References between cells are pins: words that count from the base of the tree's serializer. The base of an
  * ordinary tree is 0, so that its pins are addresses; a tree over an image counts from where its file is mapped, and
- * the same code walks both.
+ * the same code walks both. doc/tree-image.md has the cells and the image, byte by byte.
  *
  * Keys are any bytes, and no key may be a proper prefix of another: pass strings with their NUL counted. The tree
  * does not enforce this. A key that breaks it is stored below the byte 0 that is taken to follow it; a search does
@@ -197,6 +197,85 @@ RUXO_EXPORT int vask_art_iter_bfsp_prefix(const vask_art_tree *t, const unsigned
  * `release_tmp`, which iterations do by themselves. */
 RUXO_EXPORT void vask_art_release(const vask_art_tree *t, void *value);
 RUXO_EXPORT void vask_art_release_tmp(const vask_art_tree *t, void *value);
+
+/* ---- images ----
+ *
+ * A tree can be written into a file and later be used in place, from a read-only private mapping of it. One file holds
+ * any number of trees and of blocks of the caller's; the caller keeps the offsets that the writing functions return.
+ *
+ * To write: vask_art_serializer_new with `create`, then any number of write_tree and write_custom, then finalize, then
+ * destroy. To read: vask_art_serializer_new without `create`, a tree_at_offset for each tree, and destroy after the
+ * last use of any tree and any value in the mapping. After a failed write the file must not be finalized.
+ *
+ * Two ways to open a tree. vask_art_serializer_tree_at_offset trusts the image and does not look at it: for files that
+ * this library wrote and nobody could have changed. Any other content is walked as it is, out of the mapping or for
+ * ever. vask_art_serializer_verified_tree_at_offset reads the whole tree first and refuses what is not one; then every
+ * function stays within the mapping. Neither can do anything about a file that is changed or cut while it is mapped.
+ *
+ * Threads: one writes with a serializer; any number may read trees over one that was opened. */
+
+#define VASK_ART_SER_HDR_LEN 8
+#define VASK_ART_SER_FLAGS_OFFSET 6
+#define VASK_ART_SER_COMPLETE 1 /* the flag of an image that was finalized; others cannot be opened */
+#define ART_DEFAULT_OFFSET 8    /* of the first block */
+#define WRITEALIGN 8            /* blocks begin at multiples of this */
+
+/* What an image begins with; both integers are little-endian. */
+typedef struct vask_art_ser_hdr {
+  uint8_t hdr_ver[4]; /* "ART" and a zero byte */
+  uint16_t version;   /* the caller's */
+  uint16_t flags;
+} vask_art_ser_hdr;
+
+/* An initialiser: version 0, no flags. */
+#define VASK_ART_SER_HDR \
+  { {0x41, 0x52, 0x54, 0x00}, 0, 0 }
+
+/* With `create`, makes the file `filename`, which must not exist, with mode 0640 less the umask, and writes its header.
+ * Otherwise opens it: it must have this `version` and be complete, and is mapped whole. The caller owns the result and
+ * releases it with vask_art_serializer_destroy. Null on failure, with the reason in errno: EINVAL for a file that is no
+ * image, has another version or was not finalized. A create that fails late leaves the file behind. */
+RUXO_EXPORT file_serializer_t *vask_art_serializer_new(const char *filename, uint16_t version, bool create);
+
+/* Unmaps, closes and frees; null is ignored. */
+RUXO_EXPORT void vask_art_serializer_destroy(file_serializer_t *ser);
+
+/* Writes the tree `t` and puts the offset of its root, 0 for an empty tree, into `*offset`. `ops` (may be null) and
+ * `closure` are those of the image: values go through its `serialize`, and are copied as they are without one. On
+ * failure of a write, a hook or an allocation false, with blocks left behind that nothing refers to. */
+RUXO_EXPORT bool vask_art_serializer_write_tree(file_serializer_t *ser, const vask_art_tree *t,
+                                                vask_art_tree_interposition_t *ops, void *closure,
+                                                uintptr_t *offset);
+
+/* Writes `len` bytes, padded with zeros to a multiple of 8. Returns their offset, never 0; 0 on failure, with errno
+ * where the system gave one: a short write gives none. */
+RUXO_EXPORT uintptr_t vask_art_serializer_write_custom(file_serializer_t *ser, const void *bytes, size_t len);
+
+/* Makes what was written durable, then writes `flags`, which should hold VASK_ART_SER_COMPLETE, then makes that
+ * durable. False, with the reason in errno, if any of it fails. */
+RUXO_EXPORT bool vask_art_serializer_finalize(file_serializer_t *ser, uint16_t flags);
+
+/* Makes `dt` the tree whose root was written at `offset`, 0 for an empty one. `ops`, which should be read_only, and
+ * `closure` are borrowed. Where values were written by a `serialize` hook, `deserialize` and `deserialize_tmp` get
+ * their addresses. False, with `dt` an empty tree, when the offset is not within the file or nothing is mapped. The
+ * image is not looked at: see above. vask_art_size of the tree is 0, since images do not hold the number. */
+RUXO_EXPORT bool vask_art_serializer_tree_at_offset(file_serializer_t *ser, vask_art_tree *dt,
+                                                    uintptr_t offset, vask_art_tree_interposition_t *ops,
+                                                    void *closure);
+
+/* The same for any bytes. Reads the tree once from end to end, in time and memory that do not exceed what the size of
+ * the file allows, and sees to it that its cells lie within the file and apart from each other, that its nodes are
+ * whole, that every key lies where its bytes lead, and, where `ops` translates values, that they begin within the file;
+ * what stands there is for the hooks to judge. On failure false, `dt` is an empty tree, and `*err` (unless `err` is
+ * null) tells what is wrong at which offset, in a text from malloc. */
+RUXO_EXPORT bool vask_art_serializer_verified_tree_at_offset(file_serializer_t *ser, vask_art_tree *dt,
+                                                             uintptr_t offset,
+                                                             vask_art_tree_interposition_t *ops,
+                                                             void *closure, char **err);
+
+/* The address of an offset in the mapping, which must be that of a block written before; null when nothing is mapped
+ * or the address would wrap. An offset beyond the file is not noticed. */
+RUXO_EXPORT const void *vask_art_serializer_offset_to_address(file_serializer_t *ser, uintptr_t offset);
 
 RUXO_END_DECLS
 

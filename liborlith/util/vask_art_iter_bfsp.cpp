@@ -13,7 +13,7 @@ class PartialWalk {
   int run(vask_art_pin pin, const unsigned char *path, size_t path_len) {
     if (IS_LEAF(pin)) return tell_leaf(pin);
     path_.extend(path_len);
-    if (path_len > 0) memcpy(path_.data(), path, path_len);
+    if (path_len > 0) memcpy(path_.begin(), path, path_len);
     if (const int result = enter(pin, path_len)) return result;
     while (!open_.empty()) {
       Frame &frame = open_.top();
@@ -23,7 +23,7 @@ class PartialWalk {
         open_.pop();
         continue;
       }
-      path_.data()[frame.path_len - 1] = c;
+      path_.begin()[frame.path_len - 1] = c;
       const int result = IS_LEAF(*child) ? tell_leaf(*child) : enter(*child, frame.path_len);
       if (result != 0) return result;
     }
@@ -43,7 +43,7 @@ class PartialWalk {
     vask_art_node *node = node_at(base_, pin);
     const size_t path_len = above_len + node->partial_len + 1;
     path_.extend(path_len);
-    unsigned char *path = path_.data();
+    unsigned char *path = path_.begin();
     const uint32_t stored = stored_path_len(node);
     memcpy(path + above_len, node->partial, stored);
     // Zeros stand for what the node does not hold, on purpose: telling the real bytes would cost a descent to a leaf.

@@ -5,6 +5,7 @@
 //   vask_art_insert.cpp  new keys: leaves, splits, growth
 //   vask_art_delete.cpp  removed keys: shrinking, joining of paths
 //   vask_art_iter.cpp    in order;   vask_art_iter_bfsp.cpp  level by level
+//   vask_art_image.cpp   files of images; vask_art_image_write.cpp trees into them, vask_art_image_verify.cpp doubts
 //
 // A *path* is the bytes that all keys below a node share there, of which the node holds the first ten. A *depth*
 // counts the bytes of a key that lie above. Paths are compared on the way down as far as they are stored; whoever acts
@@ -13,6 +14,8 @@
 #define LIBORLITH_UTIL_VASK_ART_PRIVATE_H
 
 #include <algorithm>
+#include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -199,25 +202,36 @@ class WalkStack {
   T &top() noexcept { return entries_[size_ - 1]; }
   void pop() noexcept { --size_; }
   void push(const T &entry) noexcept {
-    extend(size_ + 1);
+    if (!try_push(entry)) abort();
+  }
+  // Whether there was memory for it.
+  [[nodiscard]] bool try_push(const T &entry) noexcept {
+    if (!try_extend(size_ + 1)) return false;
     top() = entry;
+    return true;
   }
   // At least `count` entries; what is new is not set.
   void extend(size_t count) noexcept {
-    if (count > capacity_) grow(count);
-    size_ = std::max(size_, count);
+    if (!try_extend(count)) abort();
   }
-  T *data() noexcept { return entries_; }
+  T *begin() noexcept { return entries_; }
+  T *end() noexcept { return entries_ + size_; }
 
  private:
-  void grow(size_t count) noexcept {
+  bool try_extend(size_t count) noexcept {
+    if (count > capacity_ && !grow(count)) return false;
+    size_ = std::max(size_, count);
+    return true;
+  }
+  bool grow(size_t count) noexcept {
     const size_t capacity = std::max(count, 2 * capacity_);
     auto *larger = static_cast<T *>(malloc(capacity * sizeof(T)));
-    if (larger == nullptr) abort();
+    if (larger == nullptr) return false;
     memcpy(larger, entries_, size_ * sizeof(T));
     if (entries_ != inside_) free(entries_);
     entries_ = larger;
     capacity_ = capacity;
+    return true;
   }
 
   size_t size_ = 0;
@@ -248,6 +262,42 @@ struct PrefixEnd {
   size_t depth;
 };
 PrefixEnd find_prefix_end(const vask_art_tree *t, const Key &prefix) noexcept;
+
+// ---- images ----
+
+// Where the pins of a node begin, in its cell and in its block of an image alike.
+inline size_t children_offset(const vask_art_node *n) noexcept {
+  switch (n->type) {
+    case NODE4:
+      return offsetof(vask_art_node4, children);
+    case NODE16:
+      return offsetof(vask_art_node16, children);
+    case NODE48:
+      return offsetof(vask_art_node48, children);
+    case NODE256:
+      return offsetof(vask_art_node256, children);
+    default:
+      unknown_node_type(n);
+  }
+}
+
+// How many zero bytes fill a block up.
+inline size_t padding(size_t len) noexcept {
+  return (WRITEALIGN - len % WRITEALIGN) % WRITEALIGN;
+}
+
+// Repeats a system call for as long as a signal interrupts it.
+template <typename Call>
+auto uninterrupted(Call call) noexcept {
+  decltype(call()) result;
+  do {
+    result = call();
+  } while (result == -1 && errno == EINTR);
+  return result;
+}
+
+// The writer that `serialize` hooks are given: one block, one system call. 0 on failure.
+uint64_t write_to_pic(file_serializer_t *ser, const void *bytes, size_t len);
 
 }  // namespace liborlith
 

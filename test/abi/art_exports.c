@@ -57,3 +57,38 @@ void call_art_tree(void) {
   CHECK(cell != NULL);
   vask_art_default_free(NULL, &tree, cell);
 }
+
+static vask_art_tree tree_in_image(file_serializer_t *image, uintptr_t root) {
+  static vask_art_tree_interposition_t read_only = {.read_only = true};
+  vask_art_tree tree;
+  char *err = NULL;
+  CHECK(vask_art_serializer_verified_tree_at_offset(image, &tree, root, &read_only, NULL, &err) &&
+        err == NULL);
+  CHECK(!vask_art_serializer_verified_tree_at_offset(image, &tree, 4, &read_only, NULL, &err));
+  CHECK_TEXT(err, "node at offset 4: not at a multiple of 8");
+  free(err);
+  CHECK(vask_art_serializer_tree_at_offset(image, &tree, root, &read_only, NULL));
+  return tree;
+}
+
+void call_art_image(void) {
+  int one = 1;
+  uintptr_t root = 0;
+  vask_art_tree tree;
+  file_serializer_t *image = vask_art_serializer_new("tree.image", 3, true);
+  CHECK(image != NULL);
+  vask_art_tree_init(&tree);
+  insert_text(&tree, "key", &one);
+  CHECK(vask_art_serializer_write_tree(image, &tree, NULL, NULL, &root) && root == 9);
+  const uintptr_t block = vask_art_serializer_write_custom(image, "text", 5);
+  CHECK(vask_art_serializer_finalize(image, VASK_ART_SER_COMPLETE));
+  vask_art_serializer_destroy(image);
+  vask_art_tree_destroy(&tree);
+
+  image = vask_art_serializer_new("tree.image", 3, false);
+  CHECK(image != NULL);
+  tree = tree_in_image(image, root);
+  CHECK(vask_art_search(&tree, (const unsigned char *)"key", 4) == &one);
+  CHECK_TEXT(vask_art_serializer_offset_to_address(image, block), "text");
+  vask_art_serializer_destroy(image);
+}

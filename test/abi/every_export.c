@@ -55,6 +55,7 @@ int main(void) {
   call_oil();
   call_join();
   call_art_tree();
+  call_art_image();
   call_vask_move();
   call_cfssz();
   call_metric_locator();
