@@ -2,7 +2,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <new>
+#include <type_traits>
 
+#include "liborlith/util/histogram_series_columns_private.h"
 #include "liborlith/util/histogram_series_count_private.h"
 #include "liborlith/util/histogram_series_private.h"
 #include "ruxo/lz4f.h"
@@ -13,12 +15,7 @@ namespace {
 constexpr size_t kEntryBytes = hss::kIndexBytesPerEntry + hss::kBucketCountBytes;
 constexpr size_t kBucketBytes = 2 + hss::kMaxCountBytes;
 
-// The buckets of a histogram, or of a difference whose counts are signed.
-struct Columns {
-  const hist_code_t *codes;
-  const uint64_t *counts;
-  size_t n;
-};
+using hss::Columns;
 
 Columns columns_of(const histogram_t *h) {
   return {hist_codes(h), hist_counts(h), static_cast<size_t>(hist_bucket_count(h))};
@@ -32,8 +29,8 @@ class Scratch {
     size_t widest = 1;
     for (uint32_t i = 0; i < hs->n_entries; ++i)
       widest = std::max(widest, static_cast<size_t>(hist_bucket_count(hs->histograms[i])));
-    codes_.reset(new (std::nothrow) hist_code_t[2 * widest]);
-    counts_.reset(new (std::nothrow) uint64_t[2 * widest]);
+    codes_.reset(new (std::nothrow) hist_code_t[2 * widest + hss::kWidePadding]);
+    counts_.reset(new (std::nothrow) uint64_t[2 * widest + hss::kWidePadding]);
     return codes_ != nullptr && counts_ != nullptr;
   }
   hist_code_t *codes() { return codes_.get(); }
@@ -52,6 +49,12 @@ class Changes {
 
   // The columns have the same codes. The loop has no branch, since which counts have changed cannot be foreseen.
   void subtract_in_step(const Columns &h, const Columns &prior) {
+    if constexpr (std::is_same_v<Count, uint64_t> && std::is_same_v<PriorCount, uint64_t>) {
+      if (hss::has_wide()) {
+        n_ = hss::subtract_wide(h, prior.counts, codes_, counts_, &overflows_);
+        return;
+      }
+    }
     const hist_code_t *const codes = h.codes;
     hist_code_t *const out_codes = codes_;
     uint64_t *const out_counts = counts_;
@@ -131,10 +134,9 @@ bool find_difference(const histogram_t *h, const histogram_t *prior, Scratch &sc
   return fits && difference->n < current.n;
 }
 
-// Writes the columns of a histogram and its bucket count at `at`; returns the place behind them, or null when they
-// do not fit before `end`.
-uint8_t *write_histogram(uint8_t *at, const uint8_t *end, const Columns &h) {
-  static_assert(HIST_MAX_BUCKETS <= UINT16_MAX);
+// Writes the columns of a histogram at `at`; returns the place behind them, or null when they do not fit before `end`.
+uint8_t *write_columns(uint8_t *at, const uint8_t *end, const Columns &h) {
+  if (hss::has_wide() && static_cast<size_t>(end - at) >= hss::wide_room(h.n)) return hss::write_wide(at, h);
   if (static_cast<size_t>(end - at) < 2 * h.n) return nullptr;
   uint8_t *exponents = at;
   uint8_t *mantissas = at + h.n;
@@ -151,7 +153,14 @@ uint8_t *write_histogram(uint8_t *at, const uint8_t *end, const Columns &h) {
     at = hss::hss_write_bvcount(at, end, static_cast<int64_t>(h.counts[i]));
     if (at == nullptr) return nullptr;
   }
-  if (static_cast<size_t>(end - at) < hss::kBucketCountBytes) return nullptr;
+  return at;
+}
+
+// The same, with the bucket count behind the columns.
+uint8_t *write_histogram(uint8_t *at, const uint8_t *end, const Columns &h) {
+  static_assert(HIST_MAX_BUCKETS <= UINT16_MAX);
+  at = write_columns(at, end, h);
+  if (at == nullptr || static_cast<size_t>(end - at) < hss::kBucketCountBytes) return nullptr;
   hss::store(at, static_cast<uint16_t>(h.n));
   return at + hss::kBucketCountBytes;
 }

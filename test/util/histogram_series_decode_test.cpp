@@ -162,7 +162,8 @@ TEST(HistogramSeriesDecode, DamagedEntriesAreDecodedAsStepByStep) {
     for (auto n = 1 + random() % 2; n > 0; --n) {
       Bytes &data = entries[random() % entries.size()].data;
       const auto kind = random() % 8;
-      if (kind == 0 && !data.empty()) data.erase(data.begin() + static_cast<std::ptrdiff_t>(random() % data.size()));
+      if (kind == 0 && !data.empty())
+        data.erase(data.begin() + static_cast<std::ptrdiff_t>(random() % data.size()));
       if (kind == 1) data.insert(data.begin(), static_cast<uint8_t>(random()));
       if (kind > 1 && !data.empty()) {
         uint8_t &byte = data[random() % data.size()];

@@ -1,0 +1,178 @@
+// Columns of histograms with 64-byte instructions. Which counts of a histogram have changed, and how many bytes each
+// takes, cannot be foreseen, so that a branch on it is mostly a wrong guess; here masks do the work of all branches.
+#include "liborlith/util/histogram_series_columns_private.h"
+#include "liborlith/util/histogram_series_count_private.h"
+
+#if defined(__x86_64__)
+
+#ifndef __clang__
+// Instructions without a merged operand are given an uninitialised one by the compiler's own header, and it then
+// warns of that wherever they are inlined.
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+#include <immintrin.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+
+#define WIDE_TARGET \
+  __attribute__((target("avx512f,avx512bw,avx512vl,avx512dq,avx512cd,avx512vbmi,avx512vbmi2,popcnt")))
+#define WIDE_INLINE WIDE_TARGET __attribute__((always_inline)) inline
+
+namespace hss {
+namespace {
+
+constexpr size_t kCounts = 8;  // counts in 64 bytes
+constexpr size_t kCodes = 32;  // codes in 64 bytes
+
+// The first `n` lanes, all of `Mask` where there are more.
+template <typename Mask>
+constexpr Mask first_lanes(size_t n) noexcept {
+  constexpr size_t kLanes = 8 * sizeof(Mask);
+  return n >= kLanes ? static_cast<Mask>(~Mask{0}) : static_cast<Mask>((uint64_t{1} << n) - 1);
+}
+
+struct Buckets {
+  __m512i mantissas;  // 16 bits each, signed
+  __m512i exponents;
+};
+
+// As hist_bucket_of_code().
+WIDE_INLINE Buckets buckets_of(__m512i codes) noexcept {
+  const __m512i zero = _mm512_setzero_si512();
+  const __mmask32 is_negative = ~_mm512_movepi16_mask(codes);
+  const __mmask32 is_zero = _mm512_cmpeq_epi16_mask(codes, _mm512_set1_epi16(INT16_MIN));
+  const __mmask32 is_no_number = _mm512_cmpeq_epi16_mask(codes, _mm512_set1_epi16(-1));
+  const __m512i mirrored = _mm512_mask_sub_epi16(codes, is_negative, _mm512_set1_epi16(-1), codes);
+  const __m512i magnitudes = _mm512_and_si512(mirrored, _mm512_set1_epi16(0x7fff));
+  const __m512i positive = _mm512_and_si512(magnitudes, _mm512_set1_epi16(0x7f));
+  const __m512i mantissas = _mm512_mask_sub_epi16(positive, is_negative, zero, positive);
+  const __m512i exponents = _mm512_sub_epi16(_mm512_srli_epi16(magnitudes, 7), _mm512_set1_epi16(128));
+  return {_mm512_mask_mov_epi16(mantissas, is_no_number, _mm512_set1_epi16(-1)),
+          _mm512_mask_mov_epi16(exponents, is_zero | is_no_number, zero)};
+}
+
+WIDE_INLINE uint8_t *write_buckets(uint8_t *at, const hist_code_t *codes, size_t n) noexcept {
+  uint8_t *const exponents = at;
+  uint8_t *const mantissas = at + n;
+  for (size_t i = 0; i < n; i += kCodes) {
+    const auto lanes = first_lanes<uint32_t>(n - i);
+    const __m512i here = _mm512_maskz_loadu_epi16(lanes, codes + i);
+    __m512i before = _mm512_maskz_expand_epi16(~uint32_t{1}, here);
+    if (i > 0) before = _mm512_mask_set1_epi16(before, 1, static_cast<int16_t>(codes[i - 1]));
+    const Buckets buckets = buckets_of(here);
+    const Buckets previous = buckets_of(before);
+    const __mmask32 with_previous = i > 0 ? ~uint32_t{0} : ~uint32_t{1};
+    const __mmask32 repeats =
+        _mm512_mask_cmpeq_epi16_mask(with_previous, buckets.exponents, previous.exponents);
+    const __m512i steps =
+        _mm512_mask_sub_epi16(buckets.mantissas, repeats, buckets.mantissas, previous.mantissas);
+    // Behind the exponents there may be mantissas already, behind the mantissas nothing.
+    const __m256i narrow = _mm512_cvtepi16_epi8(buckets.exponents);
+    if (i == 0) {
+      _mm256_storeu_si256(reinterpret_cast<__m256i *>(exponents), narrow);
+    } else {
+      _mm256_mask_storeu_epi8(exponents + i, lanes, narrow);
+    }
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(mantissas + i), _mm512_cvtepi16_epi8(steps));
+  }
+  return mantissas + n;
+}
+
+// How many bytes a count takes behind its first, less one, by its width in bits, as far as it is below 2^56.
+constexpr std::array<uint8_t, 64> kSizes = [] {
+  std::array<uint8_t, 64> sizes{};
+  std::copy_n(count_sizes().begin(), sizes.size(), sizes.begin());
+  return sizes;
+}();
+
+// Up to eight counts, each in a lane of its own, then moved together.
+WIDE_INLINE uint8_t *write_counts(uint8_t *at, const uint64_t *counts, size_t n) noexcept {
+  const auto lanes = first_lanes<uint8_t>(n);
+  const __m512i one = _mm512_set1_epi64(1);
+  __m512i c = _mm512_maskz_loadu_epi64(lanes, counts);
+  const __mmask8 is_negative = _mm512_cmpeq_epi64_mask(_mm512_srli_epi64(c, 56), _mm512_set1_epi64(0xff));
+  c = _mm512_mask_xor_epi64(c, is_negative, c, _mm512_set1_epi64(-1));
+  if (_mm512_test_epi64_mask(c, _mm512_set1_epi64(static_cast<int64_t>(uint64_t{0xff} << 56))) != 0) {
+    for (size_t i = 0; i < std::min(n, kCounts); ++i)
+      at = hss_write_bvcount(at, at + kMaxCountBytes, static_cast<int64_t>(counts[i]));
+    return at;
+  }
+  const __mmask8 is_short =
+      _mm512_cmplt_epu64_mask(_mm512_sub_epi64(c, one), _mm512_set1_epi64(kLargestShort));
+  const __m512i widths = _mm512_sub_epi64(_mm512_set1_epi64(64), _mm512_lzcnt_epi64(c));
+  // The other bytes of a lane look up what a width of 0 takes, which is 0.
+  const __m512i sizes = _mm512_permutexvar_epi8(widths, _mm512_loadu_si512(kSizes.data()));
+  const __m512i flags = _mm512_maskz_mov_epi64(is_negative, _mm512_set1_epi64(kNegative));
+  const __m512i long_form = _mm512_or_si512(_mm512_slli_epi64(c, 8), sizes);
+  const __m512i form = _mm512_mask_slli_epi64(long_form, is_short, c, 4);
+  const __m512i bytes = _mm512_or_si512(form, flags);
+  const __m512i lengths = _mm512_mask_mov_epi64(_mm512_add_epi64(sizes, _mm512_set1_epi64(2)), is_short, one);
+  // A lane's length in each of its bytes.
+  const __m512i spread = _mm512_set_epi64(0x0808080808080808, 0, 0x0808080808080808, 0, 0x0808080808080808, 0,
+                                          0x0808080808080808, 0);
+  const __m512i ends = _mm512_shuffle_epi8(_mm512_maskz_mov_epi64(lanes, lengths), spread);
+  const __mmask64 taken = _mm512_cmplt_epu8_mask(_mm512_set1_epi64(0x0706050403020100), ends);
+  _mm512_storeu_si512(at, _mm512_maskz_compress_epi8(taken, bytes));
+  return at + std::popcount(taken);
+}
+
+}  // namespace
+
+bool has_wide() noexcept {
+  return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+         __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512dq") &&
+         __builtin_cpu_supports("avx512cd") && __builtin_cpu_supports("avx512vbmi") &&
+         __builtin_cpu_supports("avx512vbmi2") && __builtin_cpu_supports("popcnt");
+}
+
+WIDE_TARGET size_t subtract_wide(const Columns &h, const uint64_t *prior_counts, hist_code_t *codes,
+                                 uint64_t *counts, bool *overflows) noexcept {
+  const Columns own = h;  // what is stored could be its fields for all the compiler knows
+  size_t n = 0;
+  unsigned wrong_signs = 0;
+  for (size_t i = 0; i < own.n; i += kCounts) {
+    const auto lanes = first_lanes<uint8_t>(own.n - i);
+    const __m512i now = _mm512_maskz_loadu_epi64(lanes, own.counts + i);
+    const __m512i before = _mm512_maskz_loadu_epi64(lanes, prior_counts + i);
+    const __m512i change = _mm512_sub_epi64(now, before);
+    const __mmask8 has_changed = _mm512_test_epi64_mask(change, change);
+    wrong_signs |= static_cast<unsigned>(_mm512_cmplt_epu64_mask(now, before) ^ _mm512_movepi64_mask(change));
+    const __m128i here = _mm_maskz_loadu_epi16(lanes, own.codes + i);
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(codes + n), _mm_maskz_compress_epi16(has_changed, here));
+    _mm512_storeu_si512(counts + n, _mm512_maskz_compress_epi64(has_changed, change));
+    n += static_cast<size_t>(std::popcount(static_cast<unsigned>(has_changed)));
+  }
+  *overflows = wrong_signs != 0;
+  return n;
+}
+
+WIDE_TARGET uint8_t *write_wide(uint8_t *at, const Columns &h) noexcept {
+  const Columns own = h;
+  at = write_buckets(at, own.codes, own.n);
+  for (size_t i = 0; i < own.n; i += kCounts) at = write_counts(at, own.counts + i, own.n - i);
+  return at;
+}
+
+}  // namespace hss
+
+#else
+
+namespace hss {
+
+bool has_wide() noexcept {
+  return false;
+}
+size_t subtract_wide(const Columns &, const uint64_t *, hist_code_t *, uint64_t *, bool *) noexcept {
+  return 0;
+}
+uint8_t *write_wide(uint8_t *at, const Columns &) noexcept {
+  return at;
+}
+
+}  // namespace hss
+
+#endif
