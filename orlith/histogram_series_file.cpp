@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 
 namespace {
 
@@ -30,9 +31,20 @@ int read_start(const std::string &path, size_t most, std::string *bytes) {
   return error == EINTR ? 0 : error;
 }
 
-ruxo_boolean call_taker(uint64_t time_ms, histogram_t *histogram, void *closure) {
-  return (*static_cast<const std::function<bool(uint64_t, const histogram_t *)> *>(closure))(time_ms,
-                                                                                             histogram);
+// No exception may pass through the library.
+struct Walk {
+  const std::function<bool(uint64_t, const histogram_t *)> &take;
+  std::exception_ptr thrown;
+};
+
+ruxo_boolean walk_on(uint64_t time_ms, histogram_t *histogram, void *closure) {
+  auto &walk = *static_cast<Walk *>(closure);
+  try {
+    return walk.take(time_ms, histogram);
+  } catch (...) {
+    walk.thrown = std::current_exception();
+    return false;
+  }
 }
 
 }  // namespace
@@ -60,9 +72,10 @@ bool HistogramSeriesFile::parse(std::string_view bytes) {
 
 bool HistogramSeriesFile::for_each(
     const std::function<bool(uint64_t time_ms, const histogram_t *histogram)> &take) {
-  // The C face takes the closure by a pointer to anything.
-  return histogram_series_foreach(series_.get(), call_taker,
-                                  const_cast<std::function<bool(uint64_t, const histogram_t *)> *>(&take));
+  Walk walk{take, nullptr};
+  const bool result = histogram_series_foreach(series_.get(), walk_on, &walk);
+  if (walk.thrown) std::rethrow_exception(walk.thrown);
+  return result;
 }
 
 std::string image_of_series(histogram_series_t *series) {
