@@ -98,10 +98,11 @@ bool HistogramSlots::has_room(uint64_t whence_ms, const histogram_t *sample) con
 
 size_t HistogramSlots::fold(uint64_t whence_ms, const histogram_t *sample) {
   Histogram &slot = slots_[slot_start_s(whence_ms)];
+  const size_t opened = slot == nullptr ? kSlotWeight : 0;
   if (slot == nullptr) slot = new_histogram();
   const int before = hist_bucket_count(slot.get());
   accumulate(slot.get(), sample);
-  return static_cast<size_t>(hist_bucket_count(slot.get()) - before);
+  return opened + static_cast<size_t>(hist_bucket_count(slot.get()) - before);
 }
 
 size_t HistogramSlots::close_all() {

@@ -28,7 +28,9 @@ class HistogramSlots {
 
   // Whether the slot of that time can take the sample in.
   bool has_room(uint64_t whence_ms, const histogram_t *sample) const;
-  // Adds a sample that has_room() to its slot, in any order of time. Returns by how many buckets the open slots grew.
+  // Adds a sample that has_room() to its slot, in any order of time. Returns by how many buckets the open slots grew; a
+  // slot that is opened by it weighs kSlotWeight more, since histograms may have no bucket at all.
+  static constexpr size_t kSlotWeight = 16;
   size_t fold(uint64_t whence_ms, const histogram_t *sample);
 
   // Open slots by their start (seconds).

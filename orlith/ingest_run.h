@@ -31,7 +31,7 @@ struct IngestOptions {
   std::function<uint64_t()> now_ms;
   uint64_t future_bound_ms = 0;
   size_t max_open_slots = size_t{1} << 18;
-  size_t max_open_buckets = size_t{1} << 22;  // of histograms
+  size_t max_open_buckets = size_t{1} << 22;  // of histograms, as HistogramSlots::fold() tells
   // What a pipe brought is written at least this often, also while it brings nothing more.
   time_t pipe_checkpoint_interval_s = 15;
 };

@@ -101,9 +101,12 @@ void write_histograms(const IngestReport &report, Session &session) {
   session.out << "\nhistograms\n";
   for (const Metric *metric : metrics.totals()) {
     const histogram_t *total = metric->total.get();
-    session.out << fmt::format("  {}\n  {:>12} values  p50 {:.4g}  p99 {:.4g}\n", escaped(metric->key),
-                               human_count(hist_sample_count(total)), quantile_of(total, 0.5),
-                               quantile_of(total, 0.99));
+    session.out << fmt::format("  {}\n  {:>12} values", escaped(metric->key),
+                               human_count(hist_sample_count(total)));
+    if (hist_number_count(total) > 0)
+      session.out << fmt::format("  p50 {:.4g}  p99 {:.4g}", quantile_of(total, 0.5),
+                                 quantile_of(total, 0.99));
+    session.out << "\n";
   }
   if (metrics.totals().size() == IngestMetrics::kTotals && metrics.histogram_count() > IngestMetrics::kTotals)
     session.out << "  and more; 'orlith hist show' draws any\n";

@@ -229,7 +229,7 @@ TEST_F(IngestHistograms, CheckpointsOnTheWayChangeNothing) {
   options.periods_s = {60, 300};
   options.topology = topology;
   options.me = {true};
-  options.max_open_buckets = 300;
+  options.max_open_buckets = 1000;
   {
     IngestRun run(options);
     ASSERT_TRUE(run.open());
@@ -410,6 +410,12 @@ TEST_F(IngestHistograms, TheSummaryIsBoundedHoweverManyMetricsThereAre) {
   EXPECT_THAT(out(), HasSubstr("  and more; 'orlith hist show' draws any\n"));
 }
 
+TEST_F(IngestHistograms, TheSummaryOfNothingCountedHasNoQuantiles) {
+  EXPECT_EQ(ingest({dir_.write("lines", line(60, "latency", text_of({})) + line(60, "null", ""))}), 0);
+  EXPECT_THAT(out(),
+              HasSubstr("-latency\n             0 values\n  " + kCheck + "-null\n             0 values\n"));
+}
+
 // ---- files in the way, and failing disks
 
 TEST_F(IngestHistograms, ADamagedFileStopsTheRunAndStaysAsItIs) {
@@ -487,6 +493,34 @@ TEST_F(IngestHistograms, EveryFailingCallLeavesTheFolderAsItWasOrAsItWasToBe) {
     }
   }
   EXPECT_GT(failures, 20);
+}
+
+TEST_F(IngestHistograms, CopiesLeftByAKilledProcessAreReplaced) {
+  const std::vector<Sample> samples = {{60, "latency", {{{10, 0}, 1}}}};
+  const std::string lines = dir_.write("lines", lines_of(samples));
+  EXPECT_EQ(ingest({lines}), 0);
+  for (const char *suffix : {".new", ".old"})
+    std::ofstream(data() + "/60/" + kLatencyFolder + "0.hss" + suffix) << "half of a";
+  EXPECT_EQ(ingest({lines}), 0) << err();
+  expect_folder_holds(data(), model_of({samples[0], samples[0]}, {60}));
+}
+
+// The run holds its open slots only: many empty histograms are no way around the bound.
+TEST(HistogramSlots, EverySlotWeighsSomething) {
+  HistogramSlots slots(60);
+  histogram_t *empty = hist_alloc(), *one = hist_alloc();
+  hist_insert(one, 1, 1);
+  EXPECT_EQ(slots.fold(0, empty), HistogramSlots::kSlotWeight);
+  EXPECT_EQ(slots.fold(59'999, empty), 0U);
+  EXPECT_EQ(slots.fold(1000, one), 1U);
+  EXPECT_EQ(slots.fold(60'000, one), HistogramSlots::kSlotWeight + 1);
+  EXPECT_EQ(slots.slots().size(), 2U);
+  EXPECT_EQ(slots.close_all(), 1U);
+  EXPECT_TRUE(slots.slots().empty());
+  EXPECT_EQ(slots.fold(120'000, one), HistogramSlots::kSlotWeight + 1);
+  EXPECT_EQ(slots.close_all(), 0U) << "of a window that was written before";
+  hist_free(empty);
+  hist_free(one);
 }
 
 TEST_F(IngestHistograms, ShortWritesAreGoneOnWith) {
