@@ -36,8 +36,9 @@
 // into type_name(); FILE and DIR complete as paths; choices are a CLI::IsMember check. Options are long with
 // at most a one-letter short form. The global options are added by the table and read from session.settings.
 // The examples are run by a test, through sh, in a folder that holds cluster.xml (a topology of four nodes),
-// cpu.nnt (a day of 300-second slots), damaged.nnt, lines.txt (M lines), histograms.txt (histogram lines) and
-// orlith.conf (a configuration); each must end with exit_fine unless it says otherwise itself (|| test $? = 2).
+// cpu.nnt (a day of 300-second slots), packed.cfssz (the same packed), damaged.nnt, lines.txt (M lines),
+// histograms.txt (histogram lines) and orlith.conf (a configuration); each must end with exit_fine unless it says
+// otherwise itself (|| test $? = 2).
 #ifndef ORLITH_CLI_H
 #define ORLITH_CLI_H
 

@@ -14,6 +14,8 @@
   X(nnt_dump)              \
   X(nnt_plot)              \
   X(nnt_verify)            \
+  X(pack)                  \
+  X(unpack)                \
   X(hist_show)             \
   X(completion)            \
   X(help)

@@ -40,19 +40,6 @@ ssize_t read_fully(int fd, void *to, size_t size, uint64_t offset_bytes) {
   return static_cast<ssize_t>(done);
 }
 
-// The library's own checks of a header, with the file's size left out of them: the message, or an empty text.
-std::string header_fault(const nnt_hdr &header) {
-  if (memcmp(header.version, NNT_V1_MAGIC, sizeof header.version) != 0)
-    return fmt::format("unknown version: found {}, expected 'NNT1'",
-                       in_quotes({header.version, sizeof header.version}));
-  if (header.period == 0) return "invalid period: found 0, expected at least 1";
-  if (header.epoch % header.period != 0)
-    return fmt::format("epoch misaligned: {} is no multiple of the period {}", header.epoch, header.period);
-  if (header.epoch > NNT_MAX_EPOCH)
-    return fmt::format("bad epoch: found {}, expected at most {}", header.epoch, NNT_MAX_EPOCH);
-  return {};
-}
-
 }  // namespace
 
 std::unique_ptr<NntReader> NntReader::open(const std::string &path, Problem *problem) {
@@ -74,7 +61,7 @@ std::unique_ptr<NntReader> NntReader::open(const std::string &path, Problem *pro
   if (count < static_cast<ssize_t>(sizeof header))
     return refuse({fmt::format("could not read header: found {} bytes, expected {}", count, sizeof header),
                    exit_damaged});
-  if (std::string fault = header_fault(header); !fault.empty())
+  if (std::string fault = nnt_header_fault(header); !fault.empty())
     return refuse({std::move(fault), exit_damaged});
   *problem = {};
   return std::unique_ptr<NntReader>(new NntReader(fd, header, static_cast<uint64_t>(info.st_size)));
@@ -125,6 +112,19 @@ Problem NntReader::read(uint64_t first, uint64_t end, const OnRecords &on_record
     if (records < wanted) return {"became shorter while it was read", exit_failed};
     slot = skip_hole(slot + records);
   }
+  return {};
+}
+
+// The library's own checks of a header.
+std::string nnt_header_fault(const nnt_hdr &header) {
+  if (memcmp(header.version, NNT_V1_MAGIC, sizeof header.version) != 0)
+    return fmt::format("unknown version: found {}, expected 'NNT1'",
+                       in_quotes({header.version, sizeof header.version}));
+  if (header.period == 0) return "invalid period: found 0, expected at least 1";
+  if (header.epoch % header.period != 0)
+    return fmt::format("epoch misaligned: {} is no multiple of the period {}", header.epoch, header.period);
+  if (header.epoch > NNT_MAX_EPOCH)
+    return fmt::format("bad epoch: found {}, expected at most {}", header.epoch, NNT_MAX_EPOCH);
   return {};
 }
 

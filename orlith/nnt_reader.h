@@ -59,6 +59,9 @@ class NntReader {
   uint64_t slot_count_;
 };
 
+// What is wrong with a header, the file's size left out of it: the message, or an empty text.
+std::string nnt_header_fault(const nnt_hdr &header);
+
 // What is wrong with a record: empty when it is sound, "checksum 0x12, expected 0x34" otherwise. Fills *value (may
 // be partly) as stored.
 std::string check_record(const nnt_datum_v1 &record, nnt_multitype *value);

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "test/orlith/nnt_model.h"
+#include "test/orlith/pack_model.h"
 #include "test/support/temp_dir.h"
 
 struct ProgramTest : testing::Test {
@@ -22,6 +23,7 @@ struct ProgramTest : testing::Test {
   ProgramTest() {
     folder.write("cpu.nnt", sample_nnt_file());
     folder.write("damaged.nnt", damaged_nnt_file());
+    folder.write("packed.cfssz", packed_file(sample_nnt_file()));
     std::filesystem::copy_file(ORLITH_FIXTURES "/cluster.xml", folder.file("cluster.xml"));
     std::string lines;
     for (int i = 0; i < 20; ++i)
