@@ -1,5 +1,5 @@
-// In-order walks of the radix tree. The time goes into waiting for cells that lie scattered in memory, so each node's
-// children are asked for some way ahead of their turn.
+// In-order walks of the radix tree. The time goes into waiting for cells that lie scattered in memory, so a walk runs
+// ahead of what it tells by some leaves, which are asked for meanwhile, and by the nodes beside those it enters.
 #include "liborlith/util/vask_art_private.h"
 
 namespace liborlith {
@@ -17,25 +17,76 @@ TmpValue::~TmpValue() {
 
 namespace {
 
-constexpr unsigned kAhead = 8;
+// How many leaves are asked for before the first of them is told.
+constexpr size_t kLeavesAhead = 16;
 
+// The children of a node that are to come: an array in the two smaller kinds, a node to look through in the others.
 struct Frame {
-  vask_art_node *node;
-  unsigned next;   // as next_child counts
-  unsigned ahead;  // the same, of the child to ask for
+  const vask_art_pin *next, *end;
+  vask_art_node *wide;
+  unsigned next_byte;
+
+  vask_art_pin take() noexcept {
+    if (next != end) return *next++;
+    if (wide == nullptr) return 0;
+    uint8_t c = 0;
+    const vask_art_pin *child = next_child(wide, next_byte, &c);
+    return child != nullptr ? *child : 0;
+  }
 };
 
-void ask_for_next(uintptr_t base, Frame &frame) noexcept {
-  uint8_t c = 0;
-  const vask_art_pin *child = next_child(frame.node, frame.ahead, &c);
-  if (child != nullptr) __builtin_prefetch(leaf_at(base, *child));
+Frame frame_of(vask_art_node *n) noexcept {
+  if (n->type != NODE4 && n->type != NODE16) return {nullptr, nullptr, n, 0};
+  const vask_art_pin *children = n->type == NODE4 ? node4(n)->children : node16(n)->children;
+  return {children, children + n->num_children, nullptr, 0};
 }
 
-Frame enter(uintptr_t base, vask_art_pin pin) noexcept {
-  Frame frame = {node_at(base, pin), 0, 0};
-  for (unsigned i = 0; i < kAhead; ++i) ask_for_next(base, frame);
-  return frame;
+void ask_for(uintptr_t base, vask_art_pin pin) noexcept {
+  __builtin_prefetch(leaf_at(base, pin));
 }
+
+// Gives leaves in order, and asks for each as it gives it.
+class Leaves {
+ public:
+  Leaves(uintptr_t base, vask_art_pin root) noexcept : base_(base) {
+    if (root != 0) open_.push({&only_, &only_ + 1, nullptr, 0});
+    only_ = root;
+  }
+  const vask_art_leaf *next() noexcept {
+    while (!open_.empty()) {
+      const vask_art_pin pin = open_.top().take();
+      if (pin == 0) {
+        open_.pop();
+      } else if (IS_LEAF(pin)) {
+        ask_for(base_, pin);
+        return leaf_at(base_, pin);
+      } else {
+        look_below_sibling(open_.top());
+        Frame frame = frame_of(node_at(base_, pin));
+        ask_for_nodes(frame);
+        open_.push(frame);
+      }
+    }
+    return nullptr;
+  }
+
+ private:
+  void ask_for_nodes(const Frame &frame) noexcept {
+    for (const vask_art_pin *at = frame.next; at != frame.end; ++at) {
+      if (!IS_LEAF(*at)) ask_for(base_, *at);
+    }
+  }
+  // The node after the one that is entered was asked for when their parent was entered: it is there by now, and can
+  // tell what it will need.
+  void look_below_sibling(const Frame &frame) noexcept {
+    if (frame.next != frame.end && !IS_LEAF(*frame.next))
+      ask_for_nodes(frame_of(node_at(base_, *frame.next)));
+  }
+
+  uintptr_t base_;
+  vask_art_pin only_;
+  WalkStack<Frame, 64> open_;
+};
 
 int report(const vask_art_tree *t, const vask_art_leaf *leaf, vask_art_callback cb, void *data) {
   const TmpValue value(t, leaf);
@@ -43,25 +94,16 @@ int report(const vask_art_tree *t, const vask_art_leaf *leaf, vask_art_callback 
 }
 
 int iterate(const vask_art_tree *t, vask_art_pin root, vask_art_callback cb, void *data) {
-  const uintptr_t base = t->ser->base;
-  if (root == 0) return 0;
-  if (IS_LEAF(root)) return report(t, leaf_at(base, root), cb, data);
-  WalkStack<Frame, 64> open;
-  open.push(enter(base, root));
-  while (!open.empty()) {
-    Frame &frame = open.top();
-    uint8_t c = 0;
-    const vask_art_pin *child = next_child(frame.node, frame.next, &c);
-    if (child == nullptr) {
-      open.pop();
-      continue;
-    }
-    ask_for_next(base, frame);
-    if (!IS_LEAF(*child)) {
-      open.push(enter(base, *child));
-    } else if (const int result = report(t, leaf_at(base, *child), cb, data)) {
-      return result;
-    }
+  Leaves leaves(t->ser->base, root);
+  const vask_art_leaf *ahead[kLeavesAhead];
+  size_t count = 0;
+  while (count < kLeavesAhead && (ahead[count] = leaves.next()) != nullptr) ++count;
+  const bool more = count == kLeavesAhead;
+  for (size_t at = 0; at < count; at = at + 1 == kLeavesAhead ? 0 : at + 1) {
+    const vask_art_leaf *leaf = ahead[at];
+    if (leaf == nullptr) return 0;
+    if (more) ahead[at] = leaves.next();
+    if (const int result = report(t, leaf, cb, data)) return result;
   }
   return 0;
 }

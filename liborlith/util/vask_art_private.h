@@ -95,27 +95,21 @@ vask_art_node *alloc_node(const vask_art_tree *t, uint8_t type) noexcept;
 
 // The slot of the child below a key byte, null if there is none.
 inline vask_art_pin *find_child(vask_art_node *n, uint8_t c) noexcept {
-  switch (n->type) {
-    case NODE4: {
-      vask_art_node4 *four = node4(n);
-      for (unsigned i = 0; i < n->num_children; ++i) {
-        if (four->keys[i] == c) return &four->children[i];
-      }
-      return nullptr;
-    }
-    case NODE16: {
-      const unsigned i = first_below(bytes_equal(node16(n)->keys, c), n->num_children);
-      return i < n->num_children ? &node16(n)->children[i] : nullptr;
-    }
-    case NODE48: {
-      const unsigned i = node48(n)->keys[c];
-      return i != 0 ? &node48(n)->children[i - 1] : nullptr;
-    }
-    case NODE256:
-      return node256(n)->children[c] != 0 ? &node256(n)->children[c] : nullptr;
-    default:
-      unknown_node_type(n);
+  if (n->type == NODE4 || n->type == NODE16) {
+    // Both have their keys at the same place, and a node of four has sixteen bytes there: what lies behind its keys is
+    // beyond its count. So one comparison serves both, and which of them it is costs no branch that could be guessed
+    // wrong on every level.
+    const unsigned count = n->num_children;
+    const unsigned i = first_below(bytes_equal(reinterpret_cast<const uint8_t *>(n + 1), c), count);
+    vask_art_pin *children = n->type == NODE4 ? node4(n)->children : node16(n)->children;
+    return i < count ? children + i : nullptr;
   }
+  if (n->type == NODE48) {
+    const unsigned i = node48(n)->keys[c];
+    return i != 0 ? &node48(n)->children[i - 1] : nullptr;
+  }
+  if (n->type == NODE256) return node256(n)->children[c] != 0 ? &node256(n)->children[c] : nullptr;
+  unknown_node_type(n);
 }
 
 // Walks the children of a node in its order. `next` is where to look from, 0 at first; it is left where to go on.
@@ -164,15 +158,37 @@ inline bool leaf_starts_with(const vask_art_leaf *leaf, const Key &prefix) noexc
   return prefix.len <= leaf->key_len && (prefix.len == 0 || memcmp(leaf->key, prefix.bytes, prefix.len) == 0);
 }
 
-// Whether the stored part of a node's path is what the key has at `depth`.
+template <typename Word>
+Word load(const void *bytes) noexcept {
+  Word word;
+  memcpy(&word, bytes, sizeof word);
+  return word;
+}
+
+// The first `len` bytes (below 8) as a number, lowest first; not one byte behind them is read.
+inline uint64_t load_short(const unsigned char *bytes, size_t len) noexcept {
+  if (len >= 4) return load<uint32_t>(bytes) | uint64_t{load<uint32_t>(bytes + len - 4)} << (8 * (len - 4));
+  if (len == 0) return 0;
+  const size_t middle = len / 2;
+  return bytes[0] | uint64_t{bytes[middle]} << (8 * middle) | uint64_t{bytes[len - 1]} << (8 * (len - 1));
+}
+
+inline constexpr uint64_t low_bytes(size_t count) noexcept {
+  return count < 8 ? (uint64_t{1} << (8 * count)) - 1 : ~uint64_t{0};
+}
+
+// Whether the stored part of a node's path is what the key has at `depth`. In words: a loop over a few bytes ends at a
+// place that cannot be guessed.
 inline bool stored_path_matches(const vask_art_node *n, const Key &key, size_t depth) noexcept {
-  const uint32_t stored = stored_path_len(n);
-  if (key.left(depth) < stored) return false;
+  const size_t stored = stored_path_len(n);
+  const size_t left = key.left(depth);
+  if (left < stored) return false;
+  if (stored == 0) return true;
   const unsigned char *bytes = key.bytes + depth;
-  for (uint32_t i = 0; i < stored; ++i) {
-    if (n->partial[i] != bytes[i]) return false;
-  }
-  return true;
+  const uint64_t first = left >= 8 ? load<uint64_t>(bytes) : load_short(bytes, left);
+  if (((first ^ load<uint64_t>(n->partial)) & low_bytes(stored)) != 0) return false;
+  if (stored <= 8) return true;
+  return n->partial[8] == bytes[8] && (stored == 9 || n->partial[9] == bytes[9]);
 }
 
 // How many bytes of a node's path are what the key has at `depth`; all of them are compared.

@@ -4,6 +4,7 @@
 namespace liborlith {
 
 size_t matching_path_len(uintptr_t base, const vask_art_node *n, const Key &key, size_t depth) noexcept {
+  if (n->partial_len <= kStoredPath && stored_path_matches(n, key, depth)) return n->partial_len;
   const size_t stored = std::min<size_t>(stored_path_len(n), key.left(depth));
   size_t i = 0;
   while (i < stored && n->partial[i] == key.bytes[depth + i]) ++i;
@@ -55,6 +56,8 @@ const vask_art_leaf *find_leaf(const vask_art_tree *t, const Key &key) noexcept 
     const vask_art_pin *child = find_child(n, key.bytes[depth]);
     if (child == nullptr) return nullptr;
     pin = *child;
+    // Most cells straddle two lines, and which part of the second is needed depends on the first.
+    __builtin_prefetch(reinterpret_cast<const void *>(base + pin + 64));
     ++depth;
   }
   const vask_art_leaf *leaf = leaf_at(base, pin);
