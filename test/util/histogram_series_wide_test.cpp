@@ -16,7 +16,8 @@ struct Buckets {
 
   explicit Buckets(const Counts &buckets) {
     for (const auto &[bucket, count] : buckets) {
-      codes.push_back(hist_code_of_bucket({static_cast<int8_t>(bucket.val), static_cast<int8_t>(bucket.exp)}));
+      codes.push_back(
+          hist_code_of_bucket({static_cast<int8_t>(bucket.val), static_cast<int8_t>(bucket.exp)}));
       counts.push_back(static_cast<uint64_t>(count));
     }
   }
@@ -137,7 +138,8 @@ TEST(HistogramSeriesWide, AnExactBufferGetsTheSameImage) {
   std::mt19937_64 random(20261125);
   for (size_t round = 0; round < 500; ++round) {
     Counts counts = random_buckets(random, 30 + round % 60);
-    std::erase_if(counts, [](const auto &entry) { return entry.second == 0; });  // the first entry would lose them
+    std::erase_if(counts,
+                  [](const auto &entry) { return entry.second == 0; });  // the first entry would lose them
     Model model;
     for (uint32_t i = 0; i < 1 + round % 3; ++i) model[i] = counts;
     const Bytes expected = model_image(model);
