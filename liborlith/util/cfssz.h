@@ -16,9 +16,9 @@
  *   len = cfssz_enc_state_finalize(enc, buffer, room);
  *
  * Two rules do not give back what was written, and are kept because streams stay as they are: a CFSSZ_NONE field that
- * does not begin on a byte boundary of the stream, so a definition must have its CFSSZ_NONE fields first and none
- * together with others; and CFSSZ_XOR_VARBIT of a 64-bit field that differs from its predecessor in bit 3 and in none
- * below. CFSSZ_DELTADELTA_VARBIT gives back every value of every type.
+ * does not begin on a byte boundary of the stream, so a definition with CFSSZ_NONE fields must have no others; and
+ * CFSSZ_XOR_VARBIT of a 64-bit field that differs from its predecessor in bit 3 and in none below.
+ * CFSSZ_DELTADELTA_VARBIT gives back every value of every type.
  *
  * Ownership: definitions and states come from malloc and are released with free(). A state borrows its definition,
  * which must outlive it; buffers and records are only used during a call.

@@ -3,10 +3,12 @@
 #ifndef TEST_UTIL_CFSSZ_MODEL_H
 #define TEST_UTIL_CFSSZ_MODEL_H
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "liborlith/util/cfssz.h"

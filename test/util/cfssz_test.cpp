@@ -137,8 +137,8 @@ TEST(CfsszCost, IdenticalRecordsAfterTheFirstCostOneBitForEachXorOrDeltaField) {
   for (const cfssz_field_type type : {CFSSZ_INT32, CFSSZ_INT64, CFSSZ_FLOAT, CFSSZ_DOUBLE}) {
     for (const cfssz_field_encoding enc : {CFSSZ_XOR_VARBIT, CFSSZ_DELTADELTA_VARBIT}) {
       const Costs costs(type, enc, {1, 1, 1});
-      const size_t first = costs.written[0];
-      EXPECT_THAT(costs.written, ElementsAre(first, 1u, enc == CFSSZ_XOR_VARBIT ? 1u : costs.written[2]));
+      EXPECT_GT(costs.written[0], 1u);
+      EXPECT_THAT(costs.written, ElementsAre(costs.written[0], 1u, 1u));
       const Costs same(type, enc, {0, 0, 0, 0});
       EXPECT_THAT(same.written, ElementsAre(1u, 1u, 1u, 1u));
       EXPECT_THAT(same.read, ElementsAre(1, 1, 1, 1));
