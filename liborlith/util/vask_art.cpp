@@ -69,8 +69,12 @@ void unknown_node_type(const vask_art_node *node) {
   liborlith_fatal(ruxo_error, "[FATAL] radix tree node of unknown type %u\n", unsigned{node->type});
 }
 
+void *alloc_unset(const vask_art_tree *t, size_t len) noexcept {
+  return ops_of(t)->alloc(t->ops_closure, t, len);
+}
+
 void *alloc_cell(const vask_art_tree *t, size_t len) noexcept {
-  return memset(ops_of(t)->alloc(t->ops_closure, t, len), 0, len);
+  return memset(alloc_unset(t, len), 0, len);
 }
 
 void free_cell(const vask_art_tree *t, void *cell) noexcept {

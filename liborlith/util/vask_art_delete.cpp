@@ -121,8 +121,10 @@ void *delete_key(vask_art_tree *t, const Key &key, bool *removed) noexcept {
   size_t depth = 0;
   while (*slot != 0 && !IS_LEAF(*slot)) {
     vask_art_node *n = node_at(base, *slot);
-    if (!stored_path_matches(n, key, depth)) return nullptr;
-    depth += n->partial_len;
+    if (n->partial_len != 0) {
+      if (!stored_path_may_match(n, key, depth)) return nullptr;
+      depth += n->partial_len;
+    }
     c = key.at(depth);
     vask_art_pin *child = find_child(n, c);
     if (child == nullptr) return nullptr;

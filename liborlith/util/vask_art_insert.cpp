@@ -6,11 +6,12 @@ namespace liborlith {
 namespace {
 
 vask_art_pin new_leaf(const vask_art_tree *t, const Key &key, void *value) noexcept {
-  // Four bytes more than the cell needs: zeros follow the key.
-  auto *leaf = static_cast<vask_art_leaf *>(alloc_cell(t, key.len + sizeof(vask_art_leaf)));
+  auto *leaf = static_cast<vask_art_leaf *>(alloc_unset(t, key.len + sizeof(vask_art_leaf)));
   leaf->value = value;
   leaf->key_len = static_cast<uint32_t>(key.len);
   if (key.len > 0) memcpy(leaf->key, key.bytes, key.len);
+  // The cell has room for four bytes more, and they are zero.
+  memset(leaf->key + key.len, 0, sizeof(vask_art_leaf) - offsetof(vask_art_leaf, key));
   return SET_LEAF(pin_of(t->ser->base, leaf));
 }
 

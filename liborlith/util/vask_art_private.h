@@ -86,7 +86,8 @@ inline uint32_t stored_path_len(const vask_art_node *n) noexcept {
   return std::min(n->partial_len, kStoredPath);
 }
 
-// Takes a cell from the tree's hooks, all zero.
+// Take a cell from the tree's hooks, as it comes or all zero.
+void *alloc_unset(const vask_art_tree *t, size_t len) noexcept;
 void *alloc_cell(const vask_art_tree *t, size_t len) noexcept;
 void free_cell(const vask_art_tree *t, void *cell) noexcept;
 vask_art_node *alloc_node(const vask_art_tree *t, uint8_t type) noexcept;
@@ -177,8 +178,8 @@ inline constexpr uint64_t low_bytes(size_t count) noexcept {
   return count < 8 ? (uint64_t{1} << (8 * count)) - 1 : ~uint64_t{0};
 }
 
-// Whether the stored part of a node's path is what the key has at `depth`. In words: a loop over a few bytes ends at a
-// place that cannot be guessed.
+// Whether the stored part of a node's path is what the key has at `depth`. In words: a loop over a few bytes ends at
+// a place that cannot be guessed.
 inline bool stored_path_matches(const vask_art_node *n, const Key &key, size_t depth) noexcept {
   const size_t stored = stored_path_len(n);
   const size_t left = key.left(depth);
@@ -189,6 +190,14 @@ inline bool stored_path_matches(const vask_art_node *n, const Key &key, size_t d
   if (((first ^ load<uint64_t>(n->partial)) & low_bytes(stored)) != 0) return false;
   if (stored <= 8) return true;
   return n->partial[8] == bytes[8] && (stored == 9 || n->partial[9] == bytes[9]);
+}
+
+// Whether that may be so: as good, and quicker, for who compares the whole key at the leaf. A word is looked at where
+// the key has one left; the rest is for the leaf.
+inline bool stored_path_may_match(const vask_art_node *n, const Key &key, size_t depth) noexcept {
+  if (key.left(depth) < 8) return true;
+  const uint64_t differing = load<uint64_t>(key.bytes + depth) ^ load<uint64_t>(n->partial);
+  return (differing & low_bytes(n->partial_len)) == 0;
 }
 
 // How many bytes of a node's path are what the key has at `depth`; all of them are compared.

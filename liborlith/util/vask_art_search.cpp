@@ -48,8 +48,9 @@ const vask_art_leaf *find_leaf(const vask_art_tree *t, const Key &key) noexcept 
   while (!IS_LEAF(pin)) {
     if (pin == 0) return nullptr;
     vask_art_node *n = node_at(base, pin);
+    // A branch, so that where there is no path, which is the rule, the child can be asked for before the node is there.
     if (n->partial_len != 0) {
-      if (!stored_path_matches(n, key, depth)) return nullptr;
+      if (!stored_path_may_match(n, key, depth)) return nullptr;
       depth += n->partial_len;
     }
     if (depth >= key.len) return nullptr;
