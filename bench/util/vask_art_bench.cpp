@@ -6,9 +6,9 @@
 //   image    the names in a mapped image          the tree in memory, LMDB
 //
 // Each benchmark does one round of its work with ours and one with a neighbour, in turn, and reports the median of
-// ours / theirs as `ratio`, in processor time, beside the `goal` (at most) and nanoseconds a key; `best` is the quickest
-// round of ours to the quickest of theirs, to be read on a machine that does other work. Keys are asked for in random
-// order from one long array, so that fetching the question costs all of them the same.
+// ours / theirs as `ratio`, in processor time, beside the `goal` (at most) and nanoseconds a key; `best` is the
+// quickest round of ours to the quickest of theirs, to be read on a machine that does other work. Keys are asked for in
+// random order from one long array, so that fetching the question costs all of them the same.
 #include <Judy.h>
 #include <absl/container/btree_map.h>
 #include <absl/container/flat_hash_map.h>
