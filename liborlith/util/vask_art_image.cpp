@@ -100,7 +100,7 @@ file_serializer_t *vask_art_serializer_new(const char *filename, uint16_t versio
 
 void vask_art_serializer_destroy(file_serializer_t *ser) {
   if (ser == nullptr) return;
-  if (ser->mapped) munmap(reinterpret_cast<void *>(ser->base), ser->offset);
+  if (ser->mapped) munmap(address_of(ser->base), ser->offset);
   if (ser->fd >= 0) close(ser->fd);
   free(ser);
 }
@@ -134,5 +134,5 @@ bool vask_art_serializer_tree_at_offset(file_serializer_t *ser, vask_art_tree *d
 
 const void *vask_art_serializer_offset_to_address(file_serializer_t *ser, uintptr_t offset) {
   if (!ser->mapped || offset > std::numeric_limits<uintptr_t>::max() - ser->base) return nullptr;
-  return reinterpret_cast<const void *>(ser->base + offset);
+  return address_of(ser->base + offset);
 }

@@ -51,7 +51,7 @@ class TreeWriter {
 
   static vask_art_pin *same_slot(const Frame &frame, const vask_art_pin *slot) noexcept {
     const auto distance = reinterpret_cast<uintptr_t>(slot) - reinterpret_cast<uintptr_t>(frame.node);
-    return reinterpret_cast<vask_art_pin *>(reinterpret_cast<uintptr_t>(frame.block) + distance);
+    return static_cast<vask_art_pin *>(address_of(reinterpret_cast<uintptr_t>(frame.block) + distance));
   }
 
   bool enter(vask_art_pin pin, vask_art_pin *ref) noexcept {

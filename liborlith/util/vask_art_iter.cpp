@@ -8,7 +8,8 @@ TmpValue::TmpValue(const vask_art_tree *t, const vask_art_leaf *leaf) noexcept
     : t_(t), value_(leaf->value), made_(t->ops != nullptr && t->ops->deserialize_tmp != nullptr) {
   if (!made_) return;
   const auto stored = reinterpret_cast<uintptr_t>(leaf->value);
-  value_ = t->ops->deserialize_tmp(t->ops_closure, t, stored != 0 ? PIN_2_PTR(t->ser, stored) : nullptr);
+  value_ =
+      t->ops->deserialize_tmp(t->ops_closure, t, stored != 0 ? address_of(t->ser->base + stored) : nullptr);
 }
 
 TmpValue::~TmpValue() {

@@ -44,11 +44,17 @@ struct Key {
 
 // ---- cells ----
 
+// Pins are numbers, in memory as in files; this is where they become addresses.
+inline void *address_of(uintptr_t address) noexcept {
+  return reinterpret_cast<void *>(
+      address);  // NOLINT(performance-no-int-to-ptr): there is no pointer to start from
+}
+
 inline vask_art_node *node_at(uintptr_t base, vask_art_pin pin) noexcept {
-  return reinterpret_cast<vask_art_node *>(base + pin);
+  return static_cast<vask_art_node *>(address_of(base + pin));
 }
 inline vask_art_leaf *leaf_at(uintptr_t base, vask_art_pin pin) noexcept {
-  return reinterpret_cast<vask_art_leaf *>((base + pin) & ~uintptr_t{1});
+  return static_cast<vask_art_leaf *>(address_of((base + pin) & ~uintptr_t{1}));
 }
 inline vask_art_pin pin_of(uintptr_t base, const void *cell) noexcept {
   return reinterpret_cast<uintptr_t>(cell) - base;

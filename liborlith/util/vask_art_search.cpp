@@ -58,7 +58,7 @@ const vask_art_leaf *find_leaf(const vask_art_tree *t, const Key &key) noexcept 
     if (child == nullptr) return nullptr;
     pin = *child;
     // Most cells straddle two lines, and which part of the second is needed depends on the first.
-    __builtin_prefetch(reinterpret_cast<const void *>(base + pin + 64));
+    __builtin_prefetch(address_of(base + pin + 64));
     ++depth;
   }
   const vask_art_leaf *leaf = leaf_at(base, pin);
@@ -75,5 +75,5 @@ void *vask_art_search(const vask_art_tree *t, const unsigned char *key, int len)
   if (leaf == nullptr) return nullptr;
   if (t->ops == nullptr || t->ops->deserialize == nullptr) return leaf->value;
   const auto stored = reinterpret_cast<uintptr_t>(leaf->value);
-  return t->ops->deserialize(t->ops_closure, t, stored != 0 ? PIN_2_PTR(t->ser, stored) : nullptr);
+  return t->ops->deserialize(t->ops_closure, t, stored != 0 ? address_of(t->ser->base + stored) : nullptr);
 }
