@@ -64,7 +64,7 @@ class TreeWriter {
     memcpy(block->partial, node->partial, stored_path_len(node));
     memcpy(block.get() + 1, node + 1, children_offset(node) - sizeof(*node));
     if (!open_.try_push({node, block.get(), ref, 0})) return false;
-    block.release();
+    static_cast<void>(block.release());  // the frame owns it now
     return true;
   }
 

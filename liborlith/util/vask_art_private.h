@@ -46,8 +46,8 @@ struct Key {
 
 // Pins are numbers, in memory as in files; this is where they become addresses.
 inline void *address_of(uintptr_t address) noexcept {
-  return reinterpret_cast<void *>(
-      address);  // NOLINT(performance-no-int-to-ptr): there is no pointer to start from
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): there is no pointer to start from
+  return reinterpret_cast<void *>(address);
 }
 
 inline vask_art_node *node_at(uintptr_t base, vask_art_pin pin) noexcept {
