@@ -91,11 +91,11 @@ TEST(HistRanges, HoldTheCountsOfAPlainModel) {
   for (int round = 0; round < 300; ++round) {
     std::vector<std::pair<double, uint64_t>> values;
     uint64_t no_numbers = 0;
-    const int spread = static_cast<int>(random() % 250) + 1;
+    const uint64_t spread = random() % 250 + 1;
     for (int i = static_cast<int>(random() % 200); i >= 0; --i) {
       const double magnitude =
           (1 + static_cast<double>(random() % 9000) / 1000) *
-          std::pow(10.0, static_cast<double>(static_cast<int>(random() % spread) - spread / 2));
+          std::pow(10.0, static_cast<double>(random() % spread) - static_cast<double>(spread / 2));
       const uint64_t count = random() % 5 + 1;
       switch (random() % 8) {
         case 0:

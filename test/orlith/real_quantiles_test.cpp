@@ -62,7 +62,8 @@ TEST(RealQuantiles, AreAtMostHalfABinFromTheExactOnes) {
       const double bin = exact == 0 ? 0 : std::pow(10, std::floor(std::log10(std::abs(exact)) + 1e-12) - 1);
       EXPECT_LE(std::abs(told[i] - exact), bin / 2 * (1 + 1e-9)) << "quantile " << q[i];
     }
-    const double mean = std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
+    const double mean =
+        std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
     EXPECT_NEAR(hist_approx_mean(histogram.get()), mean, std::abs(mean) * 0.05);  // no bin is wider than 10 %
   }
 }

@@ -64,7 +64,7 @@ TEST(CfsszBytes, OfTheDocumentedExample) {
 // In order: 10111101 | 0, 0, 111111 | 0.
 TEST(CfsszBytes, OfXor32) {
   Encoding enc({{CFSSZ_INT32, CFSSZ_XOR_VARBIT}});
-  for (const uint64_t value : {5, 5, 4}) ASSERT_EQ(enc.add({value}), 0u);
+  for (const uint64_t value : {5u, 5u, 4u}) ASSERT_EQ(enc.add({value}), 0u);
   EXPECT_THAT(enc.finish(), ElementsAre(0x5a, 0x01, 0, 0, 0, 3, 0b10111101, 0b11111100, 0));
 }
 
@@ -73,7 +73,7 @@ TEST(CfsszBytes, OfXor32) {
 // In order: 10011100 01001110 01110001 1110 0 111 11111.
 TEST(CfsszBytes, OfDelta64) {
   Encoding enc({{CFSSZ_INT64, CFSSZ_DELTADELTA_VARBIT}});
-  for (const uint64_t value : {100, 160, 220, 279}) ASSERT_EQ(enc.add({value}), 0u);
+  for (const uint64_t value : {100u, 160u, 220u, 279u}) ASSERT_EQ(enc.add({value}), 0u);
   EXPECT_THAT(enc.finish(), ElementsAre(0x5a, 0x01, 0, 0, 0, 4, 0b00111001, 0b01110010, 0b10001110,
                                         0b11100111, 0b00011111));
 }
@@ -156,7 +156,7 @@ TEST(CfsszEncode, ARecordThatNeedsTwoBytesMoreIsAnsweredWithWhatItNeeds) {
   for (int i = 0; i < 7; ++i) ASSERT_EQ(enc.add({0}), 0u);
   ASSERT_EQ(enc.state->bit_offset, 48u + 7);
   enc.buffer.assign(6 + 9, 0xee);
-  for (const size_t room : {6 + 9, 6 + 10}) {
+  for (const size_t room : {6u + 9, 6u + 10}) {
     enc.buffer.resize(room, 0xee);
     const Bytes state = enc.image(), buffer = enc.buffer;
     EXPECT_EQ(enc.add({0x8000000000000008}), 6u + 11);

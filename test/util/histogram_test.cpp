@@ -126,7 +126,7 @@ TEST(HistogramList, ANullValueIsASampleWithoutAText) {
 TEST(HistogramList, KeepsTheOrderOfAdding) {
   const LocatorPtr loc = make_locator("latency");
   List list;
-  for (const uint64_t time : {5, 3, 9}) {
+  for (const uint64_t time : {5u, 3u, 9u}) {
     metric_value_t value = null_value();
     add_histogram_to_list(&list.data, time, loc.get(), &value, 0, nullptr);
   }

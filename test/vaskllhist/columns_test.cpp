@@ -55,7 +55,7 @@ TEST(HistColumns, EveryNumberThatIsNoCodeIsRefused) {
 TEST(HistColumns, ShowTheBucketsAndMakeTheSameHistogram) {
   std::mt19937_64 random(20260407);
   const Histogram h(hist_alloc());
-  for (int i = 0; i < 2000; ++i)
+  for (uint64_t i = 0; i < 2000; ++i)
     hist_insert_scaled(h.get(), static_cast<int64_t>(random()) >> (random() % 64), -5, i);
   const int n = hist_bucket_count(h.get());
   ASSERT_GT(n, 100);
