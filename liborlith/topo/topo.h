@@ -298,7 +298,8 @@ RUXO_EXPORT int topo_wait_on_readwrite_barrier(topo_config *conf);
 RUXO_EXPORT int topo_update_ip(topo_config *conf, char *node_id, char *ip_address, char *port, char *apiport);
 
 /* A copy of the structure alone: nodes, ring, tables and all else that the original owns are shared with it, and
- * must outlive the copy, which is released with free(). Null for null and without memory. Any thread. */
+ * must outlive the copy, which is released with free(). Its counts and reads_allowed stay what they were at the copy:
+ * change states, and wait for reads, on the original. Null for null and without memory. Any thread. */
 RUXO_EXPORT topo_config *topo_copy_topology(const topo_config *from);
 
 /* Calls f for each node in document order; returns the sum of its results. */
@@ -317,13 +318,15 @@ RUXO_EXPORT int ring_apply(topo_config *tc, void *thunk,
  * is none, when there is no configuration to tell, and for a path of 4096 bytes and more. Any thread. */
 RUXO_EXPORT char *topo_find_topo_file(const char *hex_signature);
 /* Rewrites the topology's file, which must be there, from the compiled topology. Returns 0; -1 when there is no file
- * to replace, or when it cannot be replaced: then it is as it was. Everything up to the new file is on disk when it
- * returns; a crash at any point leaves the old or the new file, complete. Host names become addresses, and
- * "use_tls" is not written; the file compiles to the same signature. A write that fails or comes up short stops the
- * process. Any thread, one at a time; of several processes only one may save. */
+ * to replace, when topo_update_ip() gave a node a port of 0, or when it cannot be replaced: then it is as it was.
+ * Everything up to the new file is on disk when it returns; a crash at any point leaves the old or the new file,
+ * complete. Host names become addresses, and "use_tls" is not written; the file compiles to the same signature. A
+ * write that fails or comes up short stops the process. Any thread, one at a time; of several processes only one may
+ * save. */
 RUXO_EXPORT int topo_save(topo_config *tc);
 /* Writes one node's entry to the descriptor that `c`, an int *, points to. Returns 1; 0, writing nothing, for a side
- * that is none. A write that fails or comes up short stops the process. For topo_apply(). */
+ * that is none and for a port of 0, which no document may have. A write that fails or comes up short stops the process.
+ * For topo_apply(). */
 RUXO_EXPORT int topo_write_entry(topo_config *tc, host_config *hc, void *c);
 
 RUXO_END_DECLS

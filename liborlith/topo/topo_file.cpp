@@ -191,15 +191,18 @@ char *topo_find_topo_file(const char *hex_signature) {
 int topo_write_entry(topo_config *tc, host_config *hc, void *c) {
   const int fd = *static_cast<const int *>(c);
   const char *side = side_text(hc->ringside);
-  if (side == nullptr) return 0;
+  const uint16_t port = ntohs(load(hc->net_port));
+  const uint16_t apiport = ntohs(load(hc->net_apiport));
+  // Ports change unchecked, and a document with a port of 0 does not compile: better no new file than such a one.
+  if (side == nullptr || port == 0 || apiport == 0) return 0;
   in_addr address;
   address.s_addr = load(hc->net_address.s_addr);
   char address_text[INET_ADDRSTRLEN];
   inet_ntop(AF_INET, &address, address_text, sizeof address_text);
   write_entry_line(fd, "  <node id=\"%s\"\n", hc->id_str);
   write_entry_line(fd, "        address=\"%s\"\n", address_text);
-  write_entry_line(fd, "        apiport=\"%d\"\n", ntohs(load(hc->net_apiport)));
-  write_entry_line(fd, "        port=\"%d\"\n", ntohs(load(hc->net_port)));
+  write_entry_line(fd, "        apiport=\"%d\"\n", apiport);
+  write_entry_line(fd, "        port=\"%d\"\n", port);
   if (tc->use_side) {
     write_entry_line(fd, "        weight=\"%d\"\n", hc->weight);
     write_entry_line(fd, "        side=\"%s\"/>\n", side);

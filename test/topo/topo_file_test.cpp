@@ -223,6 +223,21 @@ TEST_F(TopoFile, AStaleTemporaryFileIsReplaced) {
   EXPECT_NE(compile(content(tc), tc->hex_signature).tc, nullptr);
 }
 
+// A document with a port of 0 does not compile, and ports change unchecked.
+TEST_F(TopoFile, ANodeWhosePortBecameZeroIsNotSaved) {
+  for (const bool is_api : {false, true}) {
+    const TopoHandle tc = compile_ok(nodes("", node(kId1)));
+    write_old(tc);
+    std::string id = tc->hc[0].id_str, port = "65536";
+    ASSERT_EQ(topo_update_ip(tc.get(), id.data(), nullptr, is_api ? nullptr : port.data(),
+                             is_api ? port.data() : nullptr),
+              0);
+    EXPECT_EQ(topo_save(tc.get()), -1);
+    EXPECT_EQ(content(tc), "old");
+    EXPECT_THAT(files(), ElementsAre(tc->hex_signature));
+  }
+}
+
 TEST_F(TopoFile, ATemporaryNameThatCannotBeHadIsAnError) {
   const TopoHandle tc = compile_ok(nodes("", node(kId1)));
   write_old(tc);
