@@ -92,22 +92,30 @@ HistogramSlots::HistogramSlots(uint32_t period_s)
     : period_s_(period_s), window_s_(histogram_window_s(period_s)) {}
 
 bool HistogramSlots::has_room(uint64_t whence_ms, const histogram_t *sample) const {
-  const auto slot = slots_.find(slot_start_s(whence_ms));
+  const uint64_t start_s = slot_start_s(whence_ms);
+  if (stored_ != nullptr && start_s == stored_start_s_) return sum_can_be_stored(stored_.get(), sample);
+  const auto slot = slots_.find(start_s);
   return sum_can_be_stored(slot == slots_.end() ? nullptr : slot->second.get(), sample);
 }
 
 size_t HistogramSlots::fold(uint64_t whence_ms, const histogram_t *sample) {
-  Histogram &slot = slots_[slot_start_s(whence_ms)];
+  const uint64_t start_s = slot_start_s(whence_ms);
+  Histogram &slot = slots_[start_s];
   const size_t opened = slot == nullptr ? kSlotWeight : 0;
   if (slot == nullptr) slot = new_histogram();
   const int before = hist_bucket_count(slot.get());
   accumulate(slot.get(), sample);
+  if (stored_ != nullptr && start_s == stored_start_s_) accumulate(stored_.get(), sample);
   return opened + static_cast<size_t>(hist_bucket_count(slot.get()) - before);
 }
 
 size_t HistogramSlots::close_all() {
   const size_t before = windows_written_.size();
   for (const auto &[start_s, slot] : slots_) windows_written_.insert(window_start_s(start_s));
+  if (!slots_.empty() && (stored_ == nullptr || slots_.rbegin()->first > stored_start_s_)) {
+    stored_start_s_ = slots_.rbegin()->first;
+    stored_ = std::move(slots_.rbegin()->second);
+  }
   slots_.clear();
   return windows_written_.size() - before;
 }

@@ -49,6 +49,9 @@ class HistogramSlots {
   uint32_t window_s_;
   std::map<uint64_t, Histogram> slots_;
   std::set<uint64_t> windows_written_;
+  // All that was taken in for the newest slot that a checkpoint closed: more of it may come.
+  uint64_t stored_start_s_ = 0;
+  Histogram stored_;
 };
 
 // The file of one metric, period, window and owner.

@@ -3,7 +3,8 @@
 // The memory a run takes depends on the number of metrics and of open slots, not on the number of lines: when
 // `max_open_slots` are open (or a few for each metric, if that is more), or the open slots of histograms hold
 // `max_open_buckets`, everything is written (a checkpoint) and all is closed but the newest slot of each metric of
-// numbers. A checkpoint is whole or undone, so the input is always stored up to exactly one line.
+// numbers; of the newest slot of each metric of histograms a copy stays. A checkpoint is whole or undone, so the input
+// is always stored up to exactly one line.
 #ifndef ORLITH_INGEST_RUN_H
 #define ORLITH_INGEST_RUN_H
 

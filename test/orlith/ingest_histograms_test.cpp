@@ -216,31 +216,53 @@ TEST_F(IngestHistograms, SeveralRunsAddUpLikeOne) {
   expect_folder_holds(data(), model_of(all, {60}));
 }
 
-TEST_F(IngestHistograms, CheckpointsOnTheWayChangeNothing) {
-  std::mt19937_64 random(35);
-  const std::vector<Sample> samples = random_samples(random, 600, 200'000);
+// Runs over the lines with a checkpoint whenever so many buckets are open.
+template <typename Check>
+void run_with_checkpoints(const std::string &folder, const std::string &file, std::vector<uint32_t> periods_s,
+                          size_t max_open_buckets, Check check) {
   const std::string text = "<nodes write_copies=\"1\"><node id=\"" + kNodes[0] +
                            "\" weight=\"10\" address=\"127.0.0.1\" port=\"1\" apiport=\"2\"/></nodes>";
   xmlDoc *document = topo_parse_document(text.data(), text.size(), nullptr);
   topo_config *topology = topo_compile(document, nullptr, nullptr);
   xmlFreeDoc(document);
   IngestOptions options;
-  options.data_folder = data();
-  options.periods_s = {60, 300};
+  options.data_folder = folder;
+  options.periods_s = std::move(periods_s);
   options.topology = topology;
   options.me = {true};
-  options.max_open_buckets = 1000;
+  options.max_open_buckets = max_open_buckets;
   {
     IngestRun run(options);
     ASSERT_TRUE(run.open());
-    LineReader reader({dir_.write("lines", lines_of(samples))}, [] { return false; });
+    LineReader reader({file}, [] { return false; });
     EXPECT_EQ(run.run(reader, [] {}), IngestEnd::complete) << run.error();
-    EXPECT_GT(run.totals().checkpoints, 10U);
-    EXPECT_EQ(run.totals().histogram_samples, 600U);
-    EXPECT_EQ(run.totals().histogram_files, model_of(samples, {60, 300}).size());
+    check(run);
   }
   topo_free(topology);
+}
+
+TEST_F(IngestHistograms, CheckpointsOnTheWayChangeNothing) {
+  std::mt19937_64 random(35);
+  const std::vector<Sample> samples = random_samples(random, 600, 200'000);
+  run_with_checkpoints(data(), dir_.write("lines", lines_of(samples)), {60, 300}, 1000,
+                       [&](const IngestRun &run) {
+                         EXPECT_GT(run.totals().checkpoints, 10U);
+                         EXPECT_EQ(run.totals().histogram_samples, 600U);
+                         EXPECT_EQ(run.totals().histogram_files, model_of(samples, {60, 300}).size());
+                       });
   expect_folder_holds(data(), model_of(samples, {60, 300}));
+}
+
+TEST_F(IngestHistograms, AFullSlotRefusesMoreAlsoAfterACheckpoint) {
+  const std::string most = line(60, "latency", text_of({{{11, 0}, UINT32_MAX - 1}}));
+  const std::string one = line(60, "latency", text_of({{{11, 0}, 1}}));
+  run_with_checkpoints(data(), dir_.write("lines", most + one + one), {60}, 1, [](const IngestRun &run) {
+    EXPECT_GT(run.totals().checkpoints, 1U);
+    EXPECT_EQ(run.totals().refused, 1U);
+    EXPECT_EQ(run.totals().refusals[static_cast<size_t>(Refusal::count_too_large)].count, 1U);
+  });
+  const Slots expected = {{60'000, {{{11, 0}, UINT32_MAX}}}};
+  EXPECT_EQ(slots_in(data() + "/60/" + kLatencyFolder + "0.hss"), expected);
 }
 
 TEST_F(IngestHistograms, BothKindsOfLinesComeInOneStream) {
