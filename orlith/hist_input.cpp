@@ -126,7 +126,7 @@ std::string HistInput::take_histogram_line(std::string_view line) {
   if (locator == nullptr) return refusal_text(refusal_of_histogram_code(code));
   const std::string key = locator_key(locator.get());
   if (fields.value.len == 0) {
-    ++samples_of(key).null_samples;
+    if (!options_.at_s || fields.whence_ms / 1000 <= *options_.at_s) ++samples_of(key).null_samples;
     return "";
   }
   const Histogram histogram = histogram_of_text({fields.value.text, fields.value.len});

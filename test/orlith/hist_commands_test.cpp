@@ -110,6 +110,14 @@ TEST_F(HistShow, AtShowsTheLastSampleThatIsNotLater) {
   EXPECT_EQ(show({file, "--at", "noon"}), exit_usage);
 }
 
+TEST_F(HistShow, AtLeavesOutWhatIsNullLater) {
+  const std::string file = folder.write("lines", line("300", "a", ""));
+  EXPECT_EQ(show({file, "--at", "200"}), exit_not_found);
+  ToolSession later;
+  EXPECT_EQ(later.run({"hist", "show", file, "--at", "300"}), 0) << later.err.text;
+  EXPECT_THAT(later.out.text, HasSubstr("0 values in 0 samples, 1 null"));
+}
+
 TEST_F(HistShow, MergesTheEntriesOfASeriesFile) {
   const std::string file = write_series("0.hss");
   EXPECT_EQ(show({file}), 0) << tool.err.text;
