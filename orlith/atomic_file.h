@@ -18,7 +18,8 @@ class AtomicFile {
   int open();
   int fd() const { return fd_; }
   // Syncs and puts the file in its place, over an older one (replace) or only where none is (EEXIST otherwise);
-  // then syncs the folder. 0, or an errno; then the old state stands.
+  // then syncs the folder. 0, or an errno; then the old state stands, except where only the folder could not be
+  // synced: the new file is in its place then, but may not survive a power failure.
   enum class Existing { replace, keep };
   int commit(Existing existing = Existing::replace);
 

@@ -160,7 +160,7 @@ std::string read_header(Unpacker &unpacker, nnt_hdr *header) {
 
 std::string read_slots(Unpacker &unpacker, std::vector<nnt_datum_v1> *records, uint32_t slots) {
   nnt_multitype value;
-  // The number is only claimed: memory is taken as slots come, each of which has a byte in the stream.
+  // The number is only claimed: memory is taken as slots come, each of which has 7 bits in the stream.
   for (uint32_t slot = 0; slot < slots; ++slot) {
     nnt_datum_v1 record;
     if (!unpacker.next(&record)) return unpacker.damage();

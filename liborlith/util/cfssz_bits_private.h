@@ -83,7 +83,8 @@ class BitWriter {
     fill_ = filled % 64;
   }
 
-  // One bit 0. Those above it in its byte stay what they were, which only put_bytes ever sees.
+  // One bit 0. Those above it in a byte that was begun before stay what they were, which only put_bytes ever sees;
+  // those of a byte that it begins are zero, whatever the buffer held.
   CFSSZ_INLINE void put_zero() noexcept { put(0, 1); }
 
   // The bytes of a word, the lowest first. Off a byte boundary they are placed by a rule of their own, which no

@@ -76,7 +76,7 @@ RUXO_EXPORT ruxo_boolean histogram_series_remove(histogram_series_t *hs, uint64_
  * difference (histogram_series_deserialize() gives neither). */
 RUXO_EXPORT void histogram_series_populate(histogram_series_t *hs, uint32_t i);
 
-/* The length of a buffer that histogram_series_serialize() always succeeds with, in bytes. Decodes every entry. */
+/* The length of a buffer that is never too small for histogram_series_serialize(), in bytes. Decodes every entry. */
 RUXO_EXPORT size_t histogram_series_serialize_maxsize(histogram_series_t *hs);
 
 /* Writes the compressed image into `buff`, in which it is also built: `buff_len` has to be the length of the image
@@ -88,8 +88,11 @@ RUXO_EXPORT size_t histogram_series_serialize_maxsize(histogram_series_t *hs);
  * damaged, the image is larger than HISTOGRAM_SERIES_MAX_IMAGE_BYTES, memory ran out. `buff` has been written to
  * in every case.
  *
- * Zero buckets are removed from histograms that are written without one before them. The counts of the image
- * lose bits at some sizes (doc/histogram-series.md). */
+ * Zero buckets are removed from histograms that are written without one before them. CAUTION: counts of 33 to 36
+ * and of 49 to 52 bits, and changes of counts of these sizes, lose their top bits (doc/histogram-series.md). An entry
+ * that is stored as a difference can then lead below zero: it is damaged for its reader, and with it the differences
+ * that follow it, although the result here is true. The same may happen to signed counts (hist_subtract_as_int64):
+ * readers take the counts of an entry for unsigned numbers. */
 RUXO_EXPORT ruxo_boolean histogram_series_serialize(histogram_series_t *hs, void *buff, size_t buff_len,
                                                     size_t *actual_size);
 

@@ -224,7 +224,8 @@ RUXO_EXPORT void orlith_metric_locator_set_activity(orlith_metric_locator_t *loc
 RUXO_EXPORT int orlith_metric_locator_set_activity_from_json(orlith_metric_locator_t *loc,
                                                              const ruxo_json_object *json);
 /* Adds the intervals of `src`, which is only read. 1 if that changed the locator's list; else 0, as for null
- * and for the locator's own list. */
+ * and for the locator's own list. Locators whose lists are merged into each other, or in a circle, at the same time
+ * wait for ever. */
 RUXO_EXPORT int orlith_metric_locator_merge_oil(orlith_metric_locator_t *loc, oil_list_t *src);
 
 /* The locator's list, or null; borrowed. Takes no lock: the caller holds the shared or the exclusive lock, and

@@ -6,7 +6,8 @@
  *
  * Keys are any bytes, and no key may be a proper prefix of another: pass strings with their NUL counted. The tree
  * does not enforce this. A key that breaks it is stored below the byte 0 that is taken to follow it; a search does
- * not find it, and as the node above it grows, cells may get lost. Nothing is read outside the keys even then. A
+ * not find it, nor a longer key that has a byte 0 there, which each insert then adds once more; and as the node above
+ * grows, cells may get lost. Nothing is read outside the keys even then. A
  * length below 0 is taken for 0, and the empty key is a key like others.
  *
  * Order: iteration is in the order of bytes, with one exception that is on purpose. A node of 5 to 16 children puts a
