@@ -1,12 +1,8 @@
 // `orlith ingest` with histogram lines, against a model that adds up buckets in plain maps.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <libxml/tree.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -14,16 +10,14 @@
 #include <iterator>
 #include <map>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "liborlith/util/histogram_series.h"
 #include "orlith/histogram_slots.h"
 #include "orlith/ingest_run.h"
-#include "test/orlith/tool_fixture.h"
+#include "test/orlith/ingest_fixture.h"
 #include "test/support/faults.h"
-#include "test/support/temp_dir.h"
 
 namespace {
 
@@ -33,19 +27,8 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-const std::string kCheck = "6f2d1c66-9d0e-4c35-8a35-0123456789ab";
-const std::string kNodes[] = {"7a0a2f4e-52a1-4f0b-9a3c-000000000001", "7a0a2f4e-52a1-4f0b-9a3c-000000000002",
-                              "7a0a2f4e-52a1-4f0b-9a3c-000000000003"};
-constexpr uint64_t kNow_s = 1'700'000'000 + 5;
 // "latency" in base64, and the folder of its files.
 const std::string kLatencyFolder = kCheck + "/bGF0ZW5jeQ==.hist/";
-
-std::string topology_text() {
-  std::string text = "<nodes write_copies=\"2\">";
-  for (const std::string &node : kNodes)
-    text += "<node id=\"" + node + "\" weight=\"10\" address=\"127.0.0.1\" port=\"1\" apiport=\"2\"/>";
-  return text + "</nodes>";
-}
 
 // A histogram as the tests think of it: counts by mantissa and exponent.
 using Buckets = std::map<std::pair<int, int>, uint64_t>;
@@ -84,20 +67,6 @@ struct Sample {
   std::string name;
   Buckets buckets;
 };
-
-// The base64 form, of the test's own.
-std::string base64(const std::string &bytes) {
-  static const char *const alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+_";
-  std::string result;
-  for (size_t i = 0; i < bytes.size(); i += 3) {
-    unsigned group = 0;
-    for (size_t k = 0; k < 3; ++k)
-      group = group << 8 | (i + k < bytes.size() ? static_cast<uint8_t>(bytes[i + k]) : 0U);
-    for (size_t k = 0; k < 4; ++k)
-      result += i + k > bytes.size() ? '=' : alphabet[group >> (18 - 6 * k) & 63];
-  }
-  return result;
-}
 
 // Periods of up to 2982 seconds: 1440 slots a window.
 Windows model_of(const std::vector<Sample> &samples, const std::vector<uint64_t> &periods_s) {
@@ -158,15 +127,6 @@ Slots slots_in(const std::string &path) {
   return slots;
 }
 
-std::vector<std::string> files_below(const std::string &folder) {
-  std::vector<std::string> result;
-  if (!fs::exists(folder)) return result;
-  for (const auto &entry : fs::recursive_directory_iterator(folder))
-    if (entry.is_regular_file()) result.push_back(fs::relative(entry.path(), folder).string());
-  std::sort(result.begin(), result.end());
-  return result;
-}
-
 void expect_folder_holds(const std::string &folder, const Windows &expected) {
   std::vector<std::string> names;
   for (const auto &[name, slots] : expected) names.push_back(name);
@@ -174,21 +134,7 @@ void expect_folder_holds(const std::string &folder, const Windows &expected) {
   for (const auto &[name, slots] : expected) EXPECT_EQ(slots_in(folder + "/" + name), slots) << name;
 }
 
-class IngestHistograms : public testing::Test {
- protected:
-  int ingest(std::vector<std::string> arguments) {
-    tool_.out.text.clear();
-    tool_.err.text.clear();
-    arguments.insert(arguments.begin(), {"ingest", "--data", data()});
-    return tool_.run(arguments);
-  }
-  std::string data() const { return dir_.file("data"); }
-  const std::string &out() const { return tool_.out.text; }
-  const std::string &err() const { return tool_.err.text; }
-
-  TempDir dir_;
-  ToolSession tool_;
-};
+using IngestHistograms = IngestTest;
 
 TEST_F(IngestHistograms, StoresWhatAPlainModelCounts) {
   for (const unsigned seed : {31U, 32U, 33U}) {
@@ -220,25 +166,15 @@ TEST_F(IngestHistograms, SeveralRunsAddUpLikeOne) {
 template <typename Check>
 void run_with_checkpoints(const std::string &folder, const std::string &file, std::vector<uint32_t> periods_s,
                           size_t max_open_buckets, Check check) {
-  const std::string text = "<nodes write_copies=\"1\"><node id=\"" + kNodes[0] +
-                           "\" weight=\"10\" address=\"127.0.0.1\" port=\"1\" apiport=\"2\"/></nodes>";
-  xmlDoc *document = topo_parse_document(text.data(), text.size(), nullptr);
-  topo_config *topology = topo_compile(document, nullptr, nullptr);
-  xmlFreeDoc(document);
-  IngestOptions options;
-  options.data_folder = folder;
+  const LoneNode node;
+  IngestOptions options = node.options(folder);
   options.periods_s = std::move(periods_s);
-  options.topology = topology;
-  options.me = {true};
   options.max_open_buckets = max_open_buckets;
-  {
-    IngestRun run(options);
-    ASSERT_TRUE(run.open());
-    LineReader reader({file}, [] { return false; });
-    EXPECT_EQ(run.run(reader, [] {}), IngestEnd::complete) << run.error();
-    check(run);
-  }
-  topo_free(topology);
+  IngestRun run(options);
+  ASSERT_TRUE(run.open());
+  LineReader reader({file}, [] { return false; });
+  EXPECT_EQ(run.run(reader, [] {}), IngestEnd::complete) << run.error();
+  check(run);
 }
 
 TEST_F(IngestHistograms, CheckpointsOnTheWayChangeNothing) {

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <libxml/tree.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,8 +20,7 @@
 #include "liborlith/nnt/nnt.h"
 #include "orlith/ingest_run.h"
 #include "orlith/signals.h"
-#include "test/orlith/tool_fixture.h"
-#include "test/support/temp_dir.h"
+#include "test/orlith/ingest_fixture.h"
 #include "test/support/values.h"
 
 namespace {
@@ -30,40 +28,9 @@ namespace {
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
-const std::string kCheck = "6f2d1c66-9d0e-4c35-8a35-0123456789ab";
-const std::string kNodes[] = {"7a0a2f4e-52a1-4f0b-9a3c-000000000001", "7a0a2f4e-52a1-4f0b-9a3c-000000000002",
-                              "7a0a2f4e-52a1-4f0b-9a3c-000000000003"};
-const std::string kLoneNode =
-    "<nodes write_copies=\"1\"><node id=\"7a0a2f4e-52a1-4f0b-9a3c-000000000001\" weight=\"10\""
-    " address=\"127.0.0.1\" port=\"1\" apiport=\"2\"/></nodes>";
-// The clock of ToolSession starts here.
-constexpr uint64_t kNow_s = 1'700'000'000 + 5;
-
-std::string topology_text() {
-  std::string text = "<nodes write_copies=\"2\">";
-  for (const std::string &node : kNodes) {
-    text += "<node id=\"" + node + "\" weight=\"10\" address=\"127.0.0.1\" port=\"1\" apiport=\"2\"/>";
-  }
-  return text + "</nodes>";
-}
-
 std::string line(uint64_t time_s, const std::string &name, const std::string &type,
                  const std::string &value) {
   return "M\t" + std::to_string(time_s) + ".250\t" + kCheck + "\t" + name + "\t" + type + "\t" + value + "\n";
-}
-
-// The base64 form, of the test's own.
-std::string base64(const std::string &bytes) {
-  static const char *const alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+_";
-  std::string result;
-  for (size_t i = 0; i < bytes.size(); i += 3) {
-    unsigned group = 0;
-    for (size_t k = 0; k < 3; ++k)
-      group = group << 8 | (i + k < bytes.size() ? static_cast<uint8_t>(bytes[i + k]) : 0U);
-    for (size_t k = 0; k < 4; ++k)
-      result += i + k > bytes.size() ? '=' : alphabet[group >> (18 - 6 * k) & 63];
-  }
-  return result;
 }
 
 struct Sum {
@@ -104,16 +71,6 @@ ModelFiles model_of(const std::string &lines, const std::vector<uint64_t> &perio
     }
   }
   return files;
-}
-
-std::vector<std::string> files_below(const std::string &folder) {
-  std::vector<std::string> result;
-  if (!fs::exists(folder)) return result;
-  for (const auto &entry : fs::recursive_directory_iterator(folder)) {
-    if (entry.is_regular_file()) result.push_back(fs::relative(entry.path(), folder).string());
-  }
-  std::sort(result.begin(), result.end());
-  return result;
 }
 
 void expect_file_holds(const std::string &path, const SlotSums &expected) {
@@ -176,44 +133,7 @@ std::string random_lines(std::mt19937 &random, int count, bool in_order) {
   return lines;
 }
 
-// A topology of one node, for runs that are driven without the command line.
-struct LoneNode {
-  LoneNode() : document(topo_parse_document(kLoneNode.data(), kLoneNode.size(), nullptr)) {
-    topology = topo_compile(document, nullptr, nullptr);
-  }
-  ~LoneNode() {
-    topo_free(topology);
-    xmlFreeDoc(document);
-  }
-  LoneNode(const LoneNode &) = delete;
-  LoneNode &operator=(const LoneNode &) = delete;
-
-  IngestOptions options(const std::string &data) const {
-    IngestOptions result;
-    result.data_folder = data;
-    result.periods_s = {60};
-    result.topology = topology;
-    result.me = {true};
-    return result;
-  }
-
-  xmlDoc *document;
-  topo_config *topology;
-};
-
-class Ingest : public testing::Test {
- protected:
-  int ingest(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"ingest", "--data", data()});
-    return tool_.run(arguments);
-  }
-  std::string data() const { return dir_.file("data"); }
-  const std::string &out() const { return tool_.out.text; }
-  const std::string &err() const { return tool_.err.text; }
-
-  TempDir dir_;
-  ToolSession tool_;
-};
+using Ingest = IngestTest;
 
 TEST_F(Ingest, StoresWhatAPlainModelCounts) {
   for (const bool in_order : {true, false}) {
