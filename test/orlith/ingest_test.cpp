@@ -14,6 +14,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -21,6 +22,7 @@
 #include "orlith/ingest_run.h"
 #include "orlith/signals.h"
 #include "test/orlith/ingest_fixture.h"
+#include "test/support/line_fields.h"
 #include "test/support/values.h"
 
 namespace {
@@ -40,34 +42,22 @@ struct Sum {
 using SlotSums = std::map<uint64_t, Sum>;            // by start second
 using ModelFiles = std::map<std::string, SlotSums>;  // by "<period>/<check>/<name>.nnt"
 
-std::vector<std::string> cut_at_tabs(const std::string &text) {
-  std::vector<std::string> fields;
-  size_t start = 0;
-  for (size_t tab = text.find('\t'); tab != std::string::npos; tab = text.find('\t', start)) {
-    fields.push_back(text.substr(start, tab - start));
-    start = tab + 1;
-  }
-  fields.push_back(text.substr(start));
-  return fields;
-}
-
 ModelFiles model_of(const std::string &lines, const std::vector<uint64_t> &periods_s) {
   ModelFiles files;
   std::unordered_map<std::string, std::vector<SlotSums *>> by_name;  // one a period
   std::istringstream input(lines);
   std::string text;
   while (std::getline(input, text)) {
-    const std::vector<std::string> fields = cut_at_tabs(text);
-    std::vector<SlotSums *> &slots = by_name[fields[2] + fields[3]];
-    for (size_t i = slots.size(); i < periods_s.size(); ++i) {
-      slots.push_back(
-          &files[std::to_string(periods_s[i]) + "/" + fields[2] + "/" + base64(fields[3]) + ".nnt"]);
-    }
-    const uint64_t time_s = strtoull(fields[1].c_str(), nullptr, 10);
+    const std::vector<std::string_view> fields = line_fields(text, true, 5);
+    const std::string check(fields[1]), name(fields[2]);
+    std::vector<SlotSums *> &slots = by_name[check + name];
+    for (size_t i = slots.size(); i < periods_s.size(); ++i)
+      slots.push_back(&files[std::to_string(periods_s[i]) + "/" + check + "/" + base64(name) + ".nnt"]);
+    const uint64_t time_s = strtoull(fields[0].data(), nullptr, 10);
     for (size_t i = 0; i < periods_s.size(); ++i) {
       Sum &sum = (*slots[i])[time_s / periods_s[i] * periods_s[i]];
       ++sum.count;
-      sum.sum += strtod(fields[5].c_str(), nullptr);
+      sum.sum += strtod(fields[4].data(), nullptr);
     }
   }
   return files;

@@ -6,8 +6,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "liborlith/orollupd/rollup.h"
+#include "test/support/line_fields.h"
 #include "test/support/locators.h"
 
 struct NaiveLine {
@@ -51,28 +54,19 @@ inline bool naive_value(char letter, const char *at, NaiveLine &out) {
 inline NaiveLine naive_parse(const char *line, bool bundled) {
   NaiveLine out;
   const auto fail = [&out](int code) { return out.code = code, out; };
-  const char *tab = strchr(line, '\t');
-  if (tab == nullptr) return fail(-1);
-  if (!bundled && (tab = strchr(tab + 1, '\t')) == nullptr) return fail(-1);
-  out.whence_ms = out.value.whence_ms = naive_timestamp(tab + 1);
+  const std::vector<std::string_view> fields = line_fields(line, bundled, 5);
+  if (fields.empty()) return fail(-1);
+  out.whence_ms = out.value.whence_ms = naive_timestamp(fields[0].data());
   if (line[0] != 'M') return fail(0);
-  const char *check = strchr(tab + 1, '\t');
-  if (check == nullptr) return fail(-2);
-  const char *name = strchr(check + 1, '\t');
-  if (name == nullptr) return fail(-3);
-  const char *type = strchr(name + 1, '\t');
-  if (type == nullptr) return fail(-4);
-  const char *value = strchr(type + 1, '\t');
-  if (value == nullptr) return fail(-5);
-  if (name - check < 37) return fail(-6);
-  out.uuid.assign(name - 36, name);
-  ruxo_uuid_t parsed;
-  if (ruxo_uuid_parse(out.uuid.c_str(), parsed) != 0) return fail(-7);
-  const char *mark = name - check > 37 ? strstr(check, "`c_") : nullptr;
+  if (const int code = code_of_missing(fields, 5); code != 1) return fail(code);
+  const std::string_view check = fields[1], name = fields[2];
+  if (const int code = code_of_check(check, &out.uuid); code != 1) return fail(code);
+  const char *mark = check.size() > 36 ? strstr(check.data(), "`c_") : nullptr;
   if (mark != nullptr) out.account = static_cast<int>(strtol(mark + 3, nullptr, 10));
-  if (!naive_value(type[1], value + 1, out)) return fail(-9);
-  out.kind = type[1] == 's' ? 4 : 1;
-  const LocatorPtr accepted = make_locator(std::string(name + 1, type), 1, out.uuid.c_str());
+  const char letter = *fields[3].data();  // of an empty field: the TAB after it
+  if (!naive_value(letter, fields[4].data(), out)) return fail(-9);
+  out.kind = letter == 's' ? 4 : 1;
+  const LocatorPtr accepted = make_locator(name, 1, out.uuid.c_str());
   if (accepted == nullptr) return fail(-8);
   out.name = name_of(accepted.get());
   return fail(1);

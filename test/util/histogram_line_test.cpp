@@ -7,10 +7,12 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "liborlith/util/histogram.h"
 #include "test/support/faults.h"
+#include "test/support/line_fields.h"
 #include "test/support/locators.h"
 #include "test/support/log_capture.h"
 
@@ -296,23 +298,10 @@ namespace {
 
 // The code that a line should have, by its fields; 1 when all but the name's refusal is ruled out.
 int naive_code(const std::string &line, bool bundled) {
-  std::vector<std::string> fields(1);
-  for (const char c : line) {
-    if (c == '\t' && fields.size() < (bundled ? 5U : 6U)) {
-      fields.emplace_back();
-    } else {
-      fields.back() += c;
-    }
-  }
-  const size_t first = bundled ? 1 : 2;  // the timestamp's place
-  if (fields.size() < first + 1) return -1;
-  if (fields.size() < first + 2) return -2;
-  if (fields.size() < first + 3) return -3;
-  if (fields.size() < first + 4) return -4;
-  const std::string check = fields[first + 1];
-  if (check.size() < 36) return -6;
-  Uuid uuid;
-  return ruxo_uuid_parse(check.substr(check.size() - 36).c_str(), uuid.bytes) == 0 ? 1 : -7;
+  const std::vector<std::string_view> fields = line_fields(line, bundled, 4);
+  if (const int code = code_of_missing(fields, 4); code != 1) return code;
+  std::string uuid;
+  return code_of_check(fields[1], &uuid);
 }
 
 }  // namespace
