@@ -321,8 +321,9 @@ RUXO_EXPORT char *topo_find_topo_file(const char *hex_signature);
  * to replace, when topo_update_ip() gave a node a port of 0, or when it cannot be replaced: then it is as it was.
  * Everything up to the new file is on disk when it returns; a crash at any point leaves the old or the new file,
  * complete. Host names become addresses, and "use_tls" is not written; the file compiles to the same signature. A
- * write that fails or comes up short stops the process. Any thread, one at a time; of several processes only one may
- * save. */
+ * write that fails or comes up short stops the process. Any thread, one at a time. The copy is always called as the
+ * file with ".tmp" appended, so that the one a crash left is found and removed: two processes that save the same
+ * topology at once take each other's copy for such a one. Hosts keep to one process a folder, or lock around it. */
 RUXO_EXPORT int topo_save(topo_config *tc);
 /* Writes one node's entry to the descriptor that `c`, an int *, points to. Returns 1; 0, writing nothing, for a side
  * that is none and for a port of 0, which no document may have. A write that fails or comes up short stops the process.
