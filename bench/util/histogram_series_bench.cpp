@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "liborlith/util/histogram_series.h"
+#include "liborlith/util/histogram_series_columns_private.h"
 #include "ruxo/lz4f.h"
 #if __has_include(<zstd.h>)
 #include <zstd.h>
@@ -126,7 +127,9 @@ void BM_CompressTheImage(benchmark::State &state) {
 }
 BENCHMARK(BM_CompressTheImage)->ArgName("per_minute")->Arg(10)->Arg(60)->Arg(300)->Arg(0);
 
-void BM_Serialize(benchmark::State &state) {
+// With the best instructions that the processor has of these and the ones before them.
+void serialize(benchmark::State &state, hss::Instructions instructions) {
+  hss::limit_instructions(instructions);
   const Series hs = make_day(state.range(0));
   std::vector<char> out(histogram_series_serialize_maxsize(hs.get()));
   size_t size = 0;
@@ -135,7 +138,18 @@ void BM_Serialize(benchmark::State &state) {
     benchmark::DoNotOptimize(size);
   }
 }
+void BM_Serialize(benchmark::State &state) {
+  serialize(state, hss::Instructions::avx512);
+}
 BENCHMARK(BM_Serialize)->ArgName("per_minute")->Arg(10)->Arg(60)->Arg(300)->Arg(0);
+void BM_SerializeWithAvx2(benchmark::State &state) {
+  serialize(state, hss::Instructions::avx2);
+}
+BENCHMARK(BM_SerializeWithAvx2)->ArgName("per_minute")->Arg(10)->Arg(60)->Arg(300)->Arg(0);
+void BM_SerializePlain(benchmark::State &state) {
+  serialize(state, hss::Instructions::plain);
+}
+BENCHMARK(BM_SerializePlain)->ArgName("per_minute")->Arg(10)->Arg(60)->Arg(300)->Arg(0);
 
 // ---- Reading
 

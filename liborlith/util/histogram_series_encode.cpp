@@ -29,8 +29,8 @@ class Scratch {
     size_t widest = 1;
     for (uint32_t i = 0; i < hs->n_entries; ++i)
       widest = std::max(widest, static_cast<size_t>(hist_bucket_count(hs->histograms[i])));
-    codes_.reset(new (std::nothrow) hist_code_t[2 * widest + hss::kWidePadding]);
-    counts_.reset(new (std::nothrow) uint64_t[2 * widest + hss::kWidePadding]);
+    codes_.reset(new (std::nothrow) hist_code_t[2 * widest + hss::kColumnPadding]);
+    counts_.reset(new (std::nothrow) uint64_t[2 * widest + hss::kColumnPadding]);
     return codes_ != nullptr && counts_ != nullptr;
   }
   hist_code_t *codes() { return codes_.get(); }
@@ -47,29 +47,13 @@ class Changes {
  public:
   explicit Changes(Scratch &scratch) : codes_(scratch.codes()), counts_(scratch.counts()) {}
 
-  // The columns have the same codes. The loop has no branch, since which counts have changed cannot be foreseen.
+  // The columns have the same codes.
   void subtract_in_step(const Columns &h, const Columns &prior) {
     if constexpr (std::is_same_v<Count, uint64_t> && std::is_same_v<PriorCount, uint64_t>) {
-      if (hss::has_wide()) {
-        n_ = hss::subtract_wide(h, prior.counts, codes_, counts_, &overflows_);
-        return;
-      }
+      n_ = hss::column_code().subtract(h, prior.counts, codes_, counts_, &overflows_);
+    } else {
+      subtract_one_by_one(h, prior);
     }
-    const hist_code_t *const codes = h.codes;
-    hist_code_t *const out_codes = codes_;
-    uint64_t *const out_counts = counts_;
-    size_t n = 0;
-    bool overflows = false;
-    for (size_t i = 0; i < h.n; ++i) {
-      int64_t change;
-      overflows |= __builtin_sub_overflow(static_cast<Count>(h.counts[i]),
-                                          static_cast<PriorCount>(prior.counts[i]), &change);
-      out_codes[n] = codes[i];
-      out_counts[n] = static_cast<uint64_t>(change);
-      n += change != 0;
-    }
-    n_ = n;
-    overflows_ = overflows;
   }
 
   void subtract_by_merging(const Columns &h, const Columns &prior) {
@@ -91,6 +75,10 @@ class Changes {
   }
 
  private:
+  void subtract_one_by_one(const Columns &h, const Columns &prior) {
+    for (size_t i = 0; i < h.n; ++i) put(h.codes[i], h.counts[i], prior.counts[i]);
+  }
+
   void put(hist_code_t code, uint64_t count, uint64_t prior_count) {
     int64_t change;
     overflows_ |=
@@ -136,7 +124,7 @@ bool find_difference(const histogram_t *h, const histogram_t *prior, Scratch &sc
 
 // Writes the columns of a histogram at `at`; returns the place behind them, or null when they do not fit before `end`.
 uint8_t *write_columns(uint8_t *at, const uint8_t *end, const Columns &h) {
-  if (hss::has_wide() && static_cast<size_t>(end - at) >= hss::wide_room(h.n)) return hss::write_wide(at, h);
+  if (static_cast<size_t>(end - at) >= hss::writing_room(h.n)) return hss::column_code().write(at, h);
   if (static_cast<size_t>(end - at) < 2 * h.n) return nullptr;
   uint8_t *exponents = at;
   uint8_t *mantissas = at + h.n;

@@ -1,5 +1,4 @@
-// Columns of histograms with 64-byte instructions. Which counts of a histogram have changed, and how many bytes each
-// takes, cannot be foreseen, so that a branch on it is mostly a wrong guess; here masks do the work of all branches.
+// Columns of histograms with the 64-byte instructions of AVX-512: masks do the work of all branches.
 #include "liborlith/util/histogram_series_columns_private.h"
 #include "liborlith/util/histogram_series_count_private.h"
 
@@ -122,15 +121,8 @@ WIDE_INLINE uint8_t *write_counts(uint8_t *at, const uint64_t *counts, size_t n)
 
 }  // namespace
 
-bool has_wide() noexcept {
-  return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-         __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512dq") &&
-         __builtin_cpu_supports("avx512cd") && __builtin_cpu_supports("avx512vbmi") &&
-         __builtin_cpu_supports("avx512vbmi2") && __builtin_cpu_supports("popcnt");
-}
-
-WIDE_TARGET size_t subtract_wide(const Columns &h, const uint64_t *prior_counts, hist_code_t *codes,
-                                 uint64_t *counts, bool *overflows) noexcept {
+WIDE_TARGET size_t subtract_avx512(const Columns &h, const uint64_t *prior_counts, hist_code_t *codes,
+                                   uint64_t *counts, bool *overflows) noexcept {
   const Columns own = h;  // what is stored could be its fields for all the compiler knows
   size_t n = 0;
   unsigned wrong_signs = 0;
@@ -150,26 +142,10 @@ WIDE_TARGET size_t subtract_wide(const Columns &h, const uint64_t *prior_counts,
   return n;
 }
 
-WIDE_TARGET uint8_t *write_wide(uint8_t *at, const Columns &h) noexcept {
+WIDE_TARGET uint8_t *write_avx512(uint8_t *at, const Columns &h) noexcept {
   const Columns own = h;
   at = write_buckets(at, own.codes, own.n);
   for (size_t i = 0; i < own.n; i += kCounts) at = write_counts(at, own.counts + i, own.n - i);
-  return at;
-}
-
-}  // namespace hss
-
-#else
-
-namespace hss {
-
-bool has_wide() noexcept {
-  return false;
-}
-size_t subtract_wide(const Columns &, const uint64_t *, hist_code_t *, uint64_t *, bool *) noexcept {
-  return 0;
-}
-uint8_t *write_wide(uint8_t *at, const Columns &) noexcept {
   return at;
 }
 

@@ -1,8 +1,10 @@
-// The wide instructions against loops of a line each, and the two ways of writing an entry against each other.
+// Every way of working on columns against loops of a line each, and the ways of writing an entry against each other.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "liborlith/util/histogram_series_columns_private.h"
@@ -51,14 +53,28 @@ Counts random_buckets(std::mt19937_64 &random, size_t n) {
   return counts;
 }
 
-// Without wide instructions there is nothing to be tested here.
-#define REQUIRE_WIDE() \
-  if (!hss::has_wide()) GTEST_SKIP() << "this processor has none"
+class HistogramSeriesColumns : public testing::TestWithParam<hss::Instructions> {
+ protected:
+  void SetUp() override {
+    code = hss::column_code(GetParam());
+    if (code == nullptr) GTEST_SKIP() << "this processor has none";
+  }
+
+  const hss::ColumnCode *code = nullptr;
+};
+
+std::string name_of(const testing::TestParamInfo<hss::Instructions> &info) {
+  return std::array{"plain", "avx2", "avx512"}.at(static_cast<size_t>(info.param));
+}
 
 }  // namespace
 
-TEST(HistogramSeriesWide, WritesTheBytesOfTheRule) {
-  REQUIRE_WIDE();
+INSTANTIATE_TEST_SUITE_P(With, HistogramSeriesColumns,
+                         testing::Values(hss::Instructions::plain, hss::Instructions::avx2,
+                                         hss::Instructions::avx512),
+                         name_of);
+
+TEST_P(HistogramSeriesColumns, WritesTheBytesOfTheRule) {
   std::mt19937_64 random(20261123);
   for (size_t round = 0; round < 3000; ++round) {
     const Counts counts = random_buckets(random, round % 150);
@@ -66,40 +82,37 @@ TEST(HistogramSeriesWide, WritesTheBytesOfTheRule) {
     Bytes expected = entry_data(counts);
     expected.resize(expected.size() - 2);  // without the bucket count
     // A block of exactly the room that is asked for, so that the address sanitizer sees a write behind it.
-    const size_t room = hss::wide_room(counts.size());
+    const size_t room = hss::writing_room(counts.size());
     const std::unique_ptr<uint8_t[]> out(new uint8_t[room]);
-    const uint8_t *end = hss::write_wide(out.get(), model.columns());
+    const uint8_t *end = code->write(out.get(), model.columns());
     ASSERT_EQ(Bytes(out.get(), const_cast<uint8_t *>(end)), expected) << round;
   }
 }
 
-TEST(HistogramSeriesWide, WritesCountsOfEveryWidth) {
-  REQUIRE_WIDE();
+TEST_P(HistogramSeriesColumns, WritesCountsOfEveryWidth) {
   for (int width = 0; width < 64; ++width) {
     for (const int64_t offset : {-1, 0, 1}) {
       const auto count = static_cast<int64_t>((uint64_t{1} << width) + static_cast<uint64_t>(offset));
       const Counts counts = {{{10, 0}, 1}, {{11, 0}, count}, {{12, 0}, ~count}, {{13, 0}, 2}};
-      Bytes out(hss::wide_room(4));
-      out.resize(static_cast<size_t>(hss::write_wide(out.data(), Buckets(counts).columns()) - out.data()));
+      Bytes out(hss::writing_room(4));
+      out.resize(static_cast<size_t>(code->write(out.data(), Buckets(counts).columns()) - out.data()));
       append_number(out, 4, 2);
       ASSERT_EQ(out, entry_data(counts)) << count;
     }
   }
 }
 
-TEST(HistogramSeriesWide, WritesEveryBucket) {
-  REQUIRE_WIDE();
+TEST_P(HistogramSeriesColumns, WritesEveryBucket) {
   Counts counts = {{{0, 0}, 1}, {{-1, 0}, 1}};
   for (int exp = -128; exp <= 127; ++exp)
     for (int val = 10; val <= 99; ++val) counts[{val, exp}] = counts[{-val, exp}] = 1;
-  Bytes out(hss::wide_room(counts.size()));
-  out.resize(static_cast<size_t>(hss::write_wide(out.data(), Buckets(counts).columns()) - out.data()));
+  Bytes out(hss::writing_room(counts.size()));
+  out.resize(static_cast<size_t>(code->write(out.data(), Buckets(counts).columns()) - out.data()));
   append_number(out, counts.size(), 2);
   EXPECT_EQ(out, entry_data(counts));
 }
 
-TEST(HistogramSeriesWide, SubtractsAsNumbersDo) {
-  REQUIRE_WIDE();
+TEST_P(HistogramSeriesColumns, SubtractsAsNumbersDo) {
   std::mt19937_64 random(20261124);
   size_t overflown = 0;
   for (size_t round = 0; round < 3000; ++round) {
@@ -118,12 +131,12 @@ TEST(HistogramSeriesWide, SubtractsAsNumbersDo) {
       codes.push_back(now.codes[i]);
       counts.push_back(static_cast<uint64_t>(change));
     }
-    const size_t room = before.size() + hss::kWidePadding;
+    const size_t room = before.size() + hss::kColumnPadding;
     const std::unique_ptr<hist_code_t[]> out_codes(new hist_code_t[room]);
     const std::unique_ptr<uint64_t[]> out_counts(new uint64_t[room]);
     bool overflows = fits;
     const size_t n =
-        hss::subtract_wide(now.columns(), before.data(), out_codes.get(), out_counts.get(), &overflows);
+        code->subtract(now.columns(), before.data(), out_codes.get(), out_counts.get(), &overflows);
     ASSERT_EQ(overflows, !fits);
     ASSERT_EQ(std::vector<hist_code_t>(out_codes.get(), out_codes.get() + n), codes);
     ASSERT_EQ(std::vector<uint64_t>(out_counts.get(), out_counts.get() + n), counts);
@@ -134,7 +147,7 @@ TEST(HistogramSeriesWide, SubtractsAsNumbersDo) {
 }
 
 // With no room to spare entries are written count by count, on every processor.
-TEST(HistogramSeriesWide, AnExactBufferGetsTheSameImage) {
+TEST(HistogramSeriesColumnCode, AnExactBufferGetsTheSameImage) {
   std::mt19937_64 random(20261125);
   for (size_t round = 0; round < 500; ++round) {
     Counts counts = random_buckets(random, 30 + round % 60);
@@ -154,4 +167,26 @@ TEST(HistogramSeriesWide, AnExactBufferGetsTheSameImage) {
       ASSERT_EQ(decompressed(out), expected);
     }
   }
+}
+
+TEST_P(HistogramSeriesColumns, MakeTheImageOfTheRule) {
+  std::mt19937_64 random(20261126);
+  hss::limit_instructions(GetParam());
+  for (size_t round = 0; round < 100; ++round) {
+    Counts counts = random_buckets(random, round);
+    std::erase_if(counts, [](const auto &entry) { return entry.second <= 0; });
+    Model model;
+    for (uint32_t i = 0; i < 4; ++i) {
+      for (auto &[bucket, count] : counts)
+        if (random() % 4 == 0) count = static_cast<int64_t>(1 + random() % 1000);
+      model[i] = counts;
+    }
+    const Series hs = series_of(model);
+    Bytes out(histogram_series_serialize_maxsize(hs.get()));
+    size_t size = 0;
+    ASSERT_TRUE(histogram_series_serialize(hs.get(), out.data(), out.size(), &size));
+    out.resize(size);
+    EXPECT_EQ(decompressed(out), model_image(model)) << round;
+  }
+  hss::limit_instructions(hss::Instructions::avx512);
 }
