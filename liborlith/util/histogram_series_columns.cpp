@@ -15,7 +15,7 @@
 
 // Compiled for whatever it is inlined into.
 #define COLUMN_INLINE __attribute__((always_inline)) inline
-#define AVX2_TARGET __attribute__((target("avx2,bmi,bmi2,lzcnt,popcnt")))
+#define AVX2_TARGET __attribute__((target("avx2,bmi,bmi2,popcnt")))
 
 namespace hss {
 namespace {
@@ -224,7 +224,7 @@ constexpr ColumnCode kAvx512 = {subtract_avx512, write_avx512};
 
 bool has_avx2() noexcept {
   return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2") &&
-         __builtin_cpu_supports("lzcnt") && __builtin_cpu_supports("popcnt");
+         __builtin_cpu_supports("popcnt");
 }
 bool has_avx512() noexcept {
   return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
