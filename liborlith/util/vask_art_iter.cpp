@@ -19,39 +19,53 @@ TmpValue::~TmpValue() {
 namespace {
 
 // How many leaves are asked for before the first of them is told.
-constexpr size_t kLeavesAhead = 16;
+constexpr size_t kLeavesAhead = 32;
+// How many children of a node are asked for when the walk comes near it.
+constexpr unsigned kChildrenAhead = 16;
+constexpr size_t kCacheLine = 64;
 
-// The children of a node that are to come: an array in the two smaller kinds, a node to look through in the others.
+// The children of a node that are to come. It fits two registers and need not be put together in memory: a processor
+// that reads back, in another width, what it just wrote waits for all cells asked for before.
 struct Frame {
-  const vask_art_pin *next, *end;
-  vask_art_node *wide;
-  unsigned next_byte;
+  const vask_art_pin *children;
+  uint16_t next, end;
+  uint8_t type;
 
   vask_art_pin take() noexcept {
-    if (next != end) return *next++;
-    if (wide == nullptr) return 0;
-    uint8_t c = 0;
-    const vask_art_pin *child = next_child(wide, next_byte, &c);
-    return child != nullptr ? *child : 0;
+    if (type == NODE48) {
+      const uint8_t *keys = reinterpret_cast<const uint8_t *>(children) - 256;
+      const unsigned byte = next_used_key(keys, next);
+      if (byte == 256) return 0;
+      next = static_cast<uint16_t>(byte + 1);
+      return children[keys[byte] - 1];
+    }
+    while (next != end) {
+      if (const vask_art_pin pin = children[next++]) return pin;
+    }
+    return 0;
   }
 };
 
-Frame frame_of(vask_art_node *n) noexcept {
-  if (n->type != NODE4 && n->type != NODE16) return {nullptr, nullptr, n, 0};
-  const vask_art_pin *children = n->type == NODE4 ? node4(n)->children : node16(n)->children;
-  return {children, children + n->num_children, nullptr, 0};
-}
-
-void ask_for(uintptr_t base, vask_art_pin pin) noexcept {
-  __builtin_prefetch(leaf_at(base, pin));
+inline Frame frame_of(vask_art_node *n) noexcept {
+  switch (n->type) {
+    case NODE4:
+      return {node4(n)->children, 0, n->num_children, NODE4};
+    case NODE16:
+      return {node16(n)->children, 0, n->num_children, NODE16};
+    case NODE48:
+      return {node48(n)->children, 0, 256, NODE48};
+    case NODE256:
+      return {node256(n)->children, 0, 256, NODE256};
+    default:
+      unknown_node_type(n);
+  }
 }
 
 // Gives leaves in order, and asks for each as it gives it.
 class Leaves {
  public:
-  Leaves(uintptr_t base, vask_art_pin root) noexcept : base_(base) {
-    if (root != 0) open_.push({&only_, &only_ + 1, nullptr, 0});
-    only_ = root;
+  Leaves(uintptr_t base, vask_art_pin root) noexcept : base_(base), only_(root) {
+    if (root != 0) open_.push({&only_, 0, 1, NODE4});
   }
   const vask_art_leaf *next() noexcept {
     while (!open_.empty()) {
@@ -59,29 +73,53 @@ class Leaves {
       if (pin == 0) {
         open_.pop();
       } else if (IS_LEAF(pin)) {
-        ask_for(base_, pin);
-        return leaf_at(base_, pin);
+        const vask_art_leaf *leaf = leaf_at(base_, pin);
+        __builtin_prefetch(leaf);
+        return leaf;
       } else {
-        look_below_sibling(open_.top());
-        Frame frame = frame_of(node_at(base_, pin));
-        ask_for_nodes(frame);
-        open_.push(frame);
+        look_below_next();
+        open_.push(frame_of(node_at(base_, pin)));
       }
     }
     return nullptr;
   }
 
  private:
-  void ask_for_nodes(const Frame &frame) noexcept {
-    for (const vask_art_pin *at = frame.next; at != frame.end; ++at) {
-      if (!IS_LEAF(*at)) ask_for(base_, *at);
+  static void ask_for_lines(uintptr_t cell, size_t from, size_t to) noexcept {
+    for (size_t at = from; at < to; at += kCacheLine) __builtin_prefetch(address_of(cell + at));
+  }
+  // Asks for as much of a node as the two smaller kinds have.
+  void ask_for_node(vask_art_pin pin) noexcept { ask_for_lines(base_ + pin, 0, sizeof(vask_art_node16)); }
+  void ask_below(vask_art_pin pin) noexcept {
+    if (pin == 0 || IS_LEAF(pin)) return;
+    Frame frame = frame_of(node_at(base_, pin));
+    if (frame.type == NODE48) ask_for_lines(base_ + pin, sizeof(vask_art_node16), sizeof(vask_art_node48));
+    for (unsigned i = 0; i < kChildrenAhead; ++i) {
+      const vask_art_pin child = frame.take();
+      if (child == 0) return;
+      if (!IS_LEAF(child)) ask_for_node(child);
     }
   }
-  // The node after the one that is entered was asked for when their parent was entered: it is there by now, and can
-  // tell what it will need.
-  void look_below_sibling(const Frame &frame) noexcept {
-    if (frame.next != frame.end && !IS_LEAF(*frame.next))
-      ask_for_nodes(frame_of(node_at(base_, *frame.next)));
+  // The node after the one that is entered was asked for before: it is there by now, and tells what it will need. After
+  // the last of its siblings that is the first child of the node after their parent.
+  void look_below_next() noexcept {
+    Frame *top = &open_.top();
+    Frame ahead = *top;
+    if (const vask_art_pin sibling = ahead.take()) {
+      ask_below(sibling);
+      // The two larger kinds have more children than were asked for at first.
+      if (ahead.type != NODE4 && ahead.type != NODE16) {
+        ahead.take();
+        const vask_art_pin far = ahead.take();
+        if (far != 0 && !IS_LEAF(far)) ask_for_node(far);
+      }
+    } else if (top != open_.begin()) {
+      ahead = top[-1];
+      const vask_art_pin after_parent = ahead.take();
+      if (after_parent == 0 || IS_LEAF(after_parent)) return;
+      ahead = frame_of(node_at(base_, after_parent));
+      ask_below(ahead.take());
+    }
   }
 
   uintptr_t base_;

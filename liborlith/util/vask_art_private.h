@@ -100,6 +100,13 @@ vask_art_node *alloc_node(const vask_art_tree *t, uint8_t type) noexcept;
 
 // ---- children ----
 
+template <typename Word>
+Word load(const void *bytes) noexcept {
+  Word word;
+  memcpy(&word, bytes, sizeof word);
+  return word;
+}
+
 // The slot of the child below a key byte, null if there is none.
 inline vask_art_pin *find_child(vask_art_node *n, uint8_t c) noexcept {
   if (n->type == NODE4 || n->type == NODE16) {
@@ -119,6 +126,17 @@ inline vask_art_pin *find_child(vask_art_node *n, uint8_t c) noexcept {
   unknown_node_type(n);
 }
 
+// The first byte from `byte` on that has a child in a node of 48; 256 if there is none.
+inline unsigned next_used_key(const uint8_t *keys, unsigned byte) noexcept {
+  while (byte % 8 != 0 && keys[byte] == 0) ++byte;
+  if (byte % 8 != 0) return byte;
+  for (; byte < 256; byte += 8) {
+    if (const auto word = load<uint64_t>(keys + byte))
+      return byte + static_cast<unsigned>(__builtin_ctzll(word)) / 8;
+  }
+  return 256;
+}
+
 // Walks the children of a node in its order. `next` is where to look from, 0 at first; it is left where to go on.
 // Returns the slot of the next child and puts its key byte into `*c`; null after the last.
 inline vask_art_pin *next_child(vask_art_node *n, unsigned &next, uint8_t *c) noexcept {
@@ -132,14 +150,10 @@ inline vask_art_pin *next_child(vask_art_node *n, unsigned &next, uint8_t *c) no
       *c = node16(n)->keys[next];
       return &node16(n)->children[next++];
     case NODE48:
-      while (next < 256) {
-        const unsigned byte = next++;
-        const unsigned i = node48(n)->keys[byte];
-        if (i == 0) continue;
-        *c = static_cast<uint8_t>(byte);
-        return &node48(n)->children[i - 1];
-      }
-      return nullptr;
+      next = next_used_key(node48(n)->keys, next);
+      if (next == 256) return nullptr;
+      *c = static_cast<uint8_t>(next);
+      return &node48(n)->children[node48(n)->keys[next++] - 1];
     case NODE256:
       while (next < 256) {
         const unsigned byte = next++;
@@ -163,13 +177,6 @@ inline bool leaf_matches(const vask_art_leaf *leaf, const Key &key) noexcept {
 }
 inline bool leaf_starts_with(const vask_art_leaf *leaf, const Key &prefix) noexcept {
   return prefix.len <= leaf->key_len && (prefix.len == 0 || memcmp(leaf->key, prefix.bytes, prefix.len) == 0);
-}
-
-template <typename Word>
-Word load(const void *bytes) noexcept {
-  Word word;
-  memcpy(&word, bytes, sizeof word);
-  return word;
 }
 
 // The first `len` bytes (below 8) as a number, lowest first; not one byte behind them is read.
