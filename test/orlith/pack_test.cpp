@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <limits>
 #include <random>
+#include <string>
+#include <utility>
 
 #include "orlith/packed_rollup.h"
 #include "orlith/signals.h"
@@ -36,6 +38,7 @@ struct Pack : testing::Test {
     ASSERT_TRUE(folder.read("back.nnt") == bytes);
     ASSERT_TRUE(folder.read("a.nnt") == bytes);
   }
+  auto file_count() { return std::distance(std::filesystem::directory_iterator(folder.path()), {}); }
   // What unpacking the bytes is refused with.
   std::string fault_of(const std::string &stream) {
     folder.write("a.cfssz", stream);
@@ -254,7 +257,7 @@ TEST_F(Pack, KeepsTheOlderFileWhenWritingFails) {
     }
     EXPECT_EQ(one.err.text, "orlith pack: error: cannot write '" + packed + "': No space left on device\n");
     EXPECT_EQ(folder.read("a.cfssz"), "older");
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 2);
+    EXPECT_EQ(file_count(), 2);
   }
   EXPECT_EQ(pack(file), exit_fine);
   EXPECT_NE(folder.read("a.cfssz"), "older");
@@ -266,6 +269,121 @@ TEST_F(Pack, WritesNothingWhenInterrupted) {
   EXPECT_EQ(pack(file), exit_interrupted);
   set_interrupted(false);
   EXPECT_FALSE(std::filesystem::exists(packed));
+}
+
+TEST_F(Pack, UnpackWritesNothingWhenInterrupted) {
+  folder.write("a.cfssz", packed_file(sample_nnt_file()));
+  folder.write("back.nnt", "older");
+  set_interrupted(true);
+  EXPECT_EQ(unpack(), exit_interrupted);
+  set_interrupted(false);
+  EXPECT_EQ(folder.read("back.nnt"), "older");
+  EXPECT_EQ(file_count(), 2);
+}
+
+TEST_F(Pack, UnpackKeepsTheOlderFileWhenWritingFails) {
+  folder.write("a.cfssz", packed_file(sample_nnt_file()));
+  for (const faults::Call call :
+       {faults::Call::write, faults::Call::fsync, faults::Call::close, faults::Call::rename}) {
+    folder.write("back.nnt", "older");
+    ToolSession one;
+    {
+      // The first close is that of the stream, and is not looked at.
+      const faults::Fail fail(call, ENOSPC, call == faults::Call::close ? 2 : 1);
+      EXPECT_EQ(one.run({"unpack", packed, "-o", back}), exit_failed);
+    }
+    EXPECT_EQ(one.err.text, "orlith unpack: error: cannot write '" + back + "': No space left on device\n");
+    EXPECT_EQ(one.out.text, "");
+    EXPECT_EQ(folder.read("back.nnt"), "older");
+    EXPECT_EQ(file_count(), 2);
+  }
+  EXPECT_EQ(unpack(), exit_fine);
+  EXPECT_TRUE(folder.read("back.nnt") == sample_nnt_file());
+}
+
+TEST_F(Pack, UnpackMakesNoFileWhenWritingFails) {
+  folder.write("a.cfssz", packed_file(sample_nnt_file()));
+  {
+    const faults::Short slow(faults::Call::write, 100);
+    const faults::Fail fail(faults::Call::write, EIO, 2);
+    EXPECT_EQ(unpack(), exit_failed) << "the disk took a hundred bytes";
+    EXPECT_TRUE(slow.hit());
+  }
+  EXPECT_EQ(file_count(), 1);
+  EXPECT_EQ(tool.run({"unpack", packed, "-o", folder.file("none/back.nnt")}), exit_failed);
+  EXPECT_THAT(tool.err.text,
+              HasSubstr("cannot write '" + folder.file("none/back.nnt") + "': No such file or directory\n"));
+}
+
+// ---- files that are none, or change under the reader
+
+TEST_F(Pack, TakesRegularFilesOnly) {
+  const std::string pipe = folder.file("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  for (const std::string verb : {"pack", "unpack"}) {
+    for (const auto &[from, fault] :
+         {std::pair{pipe, "is no regular file"}, {folder.path(), "is a folder, expected a file"}}) {
+      ToolSession one;
+      EXPECT_EQ(one.run({verb, from, "-o", back}), exit_damaged);
+      EXPECT_EQ(one.err.text, "orlith " + verb + ": error: " + from + ": " + fault + "\n");
+    }
+  }
+  EXPECT_FALSE(std::filesystem::exists(back));
+}
+
+TEST_F(Pack, UnpackTakesAGibibyteAtMost) {
+  folder.write("a.cfssz", "N2");
+  ASSERT_EQ(truncate(packed.c_str(), (int64_t{1} << 30) + 1), 0);
+  EXPECT_EQ(unpack(), exit_damaged);
+  EXPECT_EQ(tool.err.text, "orlith unpack: error: " + packed +
+                               ": too long: found 1073741825 bytes, expected at most 1073741824\n");
+  EXPECT_EQ(file_count(), 1);
+}
+
+TEST_F(Pack, SaysThatAFileBecameShorter) {
+  const std::string cpu = folder.write("cpu.nnt", sample_nnt_file());
+  folder.write("a.cfssz", packed_file(sample_nnt_file()));
+  {
+    // The header is there, and the records are gone.
+    const faults::Answer at_end(faults::Call::pread, 0, 2);
+    EXPECT_EQ(tool.run({"pack", cpu, "-o", folder.file("other.cfssz")}), exit_failed);
+  }
+  EXPECT_EQ(tool.err.text, "orlith pack: error: " + cpu + ": became shorter while it was read\n");
+  ToolSession other;
+  {
+    const faults::Short slow(faults::Call::pread, 100, 1, 1);
+    const faults::Answer at_end(faults::Call::pread, 0, 2);
+    EXPECT_EQ(other.run({"unpack", packed, "-o", back}), exit_failed);
+  }
+  EXPECT_EQ(other.err.text, "orlith unpack: error: " + packed + ": became shorter while it was read\n");
+  EXPECT_EQ(file_count(), 2);
+}
+
+TEST_F(Pack, SaysWhereAFileCannotBeRead) {
+  const std::string cpu = folder.write("cpu.nnt", sample_nnt_file());
+  folder.write("a.cfssz", packed_file(sample_nnt_file()));
+  {
+    const faults::Fail fail(faults::Call::pread, EIO, 2);
+    EXPECT_EQ(tool.run({"pack", cpu, "-o", folder.file("other.cfssz")}), exit_failed);
+  }
+  EXPECT_EQ(tool.err.text, "orlith pack: error: " + cpu + ": at offset 16: Input/output error\n");
+  ToolSession other;
+  {
+    const faults::Short slow(faults::Call::pread, 100, 1, 1);
+    const faults::Fail fail(faults::Call::pread, EIO, 2);
+    EXPECT_EQ(other.run({"unpack", packed, "-o", back}), exit_failed);
+  }
+  EXPECT_EQ(other.err.text, "orlith unpack: error: " + packed + ": at offset 100: Input/output error\n");
+  EXPECT_EQ(file_count(), 2);
+}
+
+TEST_F(Pack, ReadsOnAfterShortAndInterruptedReads) {
+  folder.write("a.cfssz", packed_file(sample_nnt_file()));
+  const faults::Short slow(faults::Call::pread, 7);
+  const faults::Fail signal(faults::Call::pread, EINTR, 3, 2);
+  EXPECT_EQ(unpack(), exit_fine) << tool.err.text;
+  EXPECT_TRUE(slow.hit() && signal.hit());
+  EXPECT_TRUE(folder.read("back.nnt") == sample_nnt_file());
 }
 
 TEST_F(Pack, UnpackRefusesEveryCutAndEveryTurnedBit) {
