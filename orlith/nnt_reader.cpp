@@ -21,11 +21,6 @@ namespace {
 constexpr uint64_t record_bytes = sizeof(nnt_datum_v1);
 static_assert(record_bytes == 32);
 
-Problem system_problem(int error) {
-  const bool gone = error == ENOENT || error == ENOTDIR;
-  return {strerror(error), gone ? exit_not_found : exit_failed};
-}
-
 // Reads until `size` bytes are there or the file ends. The count, or -1 with errno.
 ssize_t read_fully(int fd, void *to, size_t size, uint64_t offset_bytes) {
   size_t done = 0;
@@ -41,6 +36,11 @@ ssize_t read_fully(int fd, void *to, size_t size, uint64_t offset_bytes) {
 }
 
 }  // namespace
+
+Problem system_problem(int error) {
+  const bool gone = error == ENOENT || error == ENOTDIR;
+  return {strerror(error), gone ? exit_not_found : exit_failed};
+}
 
 std::unique_ptr<NntReader> NntReader::open(const std::string &path, Problem *problem) {
   // Without O_NONBLOCK, a pipe without a writer would stop us here.

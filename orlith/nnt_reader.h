@@ -18,6 +18,9 @@ struct Problem {
   ExitCode code = exit_fine;
 };
 
+// For an errno: exit_not_found when the file is not there, else exit_failed.
+Problem system_problem(int error);
+
 class NntReader {
  public:
   static constexpr size_t chunk_records = 4096;

@@ -26,11 +26,6 @@ struct CloseFd {
   }
 };
 
-Problem system_problem(int error) {
-  const bool gone = error == ENOENT || error == ENOTDIR;
-  return {strerror(error), gone ? exit_not_found : exit_failed};
-}
-
 Problem read_to_end(int fd, std::vector<uint8_t> *bytes) {
   for (size_t done = 0; done < bytes->size();) {
     const ssize_t count = pread(fd, bytes->data() + done, bytes->size() - done, static_cast<off_t>(done));
