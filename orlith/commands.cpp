@@ -17,6 +17,7 @@
   X(pack)                  \
   X(unpack)                \
   X(hist_show)             \
+  X(hist_verify)           \
   X(completion)            \
   X(help)
 

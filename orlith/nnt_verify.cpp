@@ -141,7 +141,9 @@ extern const Command nnt_verify_command = {
         "for files "
         "that are named *.nnt or begin as NNT files do. Says for each damaged file how many records are bad "
         "and where "
-        "the first one is: slot, offset in bytes, time.\n\n"
+        "the first one is: slot, offset in bytes, time. Series of histograms (*.hss) are other files here: "
+        "'orlith "
+        "hist verify' checks those.\n\n"
         "Exit code 2 when damage was found, 3 when a file is not there, 1 when one cannot be read.",
     .examples = {{{"orlith nnt verify cpu.nnt", "one file"},
                   {"orlith nnt verify --json damaged.nnt || test $? = 2", "a damaged file, as JSON"}}},

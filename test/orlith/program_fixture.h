@@ -11,6 +11,7 @@
 
 #include "test/orlith/nnt_model.h"
 #include "test/orlith/pack_model.h"
+#include "test/orlith/series_model.h"
 #include "test/support/temp_dir.h"
 
 struct ProgramTest : testing::Test {
@@ -34,6 +35,8 @@ struct ProgramTest : testing::Test {
     // 1 once and 2 twice.
     folder.write("histograms.txt",
                  "H\t1700000000\t1b4e28ba-2fa1-11d2-883f-0016d3cca427\tlatency\taBACCsABCgI=\n");
+    folder.write("latency.hss", sample_series_file());
+    folder.write("broken.hss", damaged_series_file());
   }
 
   // The program's own folder comes first in PATH; nothing outside the test's folder is written.

@@ -168,16 +168,20 @@ inline Bytes decompressed(const Bytes &frame) {
   LZ4F_dctx *context = nullptr;
   LZ4F_createDecompressionContext(&context, LZ4F_VERSION);
   Bytes out;
-  size_t at = 0;
-  for (size_t hint = 1; hint != 0 && at < frame.size();) {
+  size_t at = 0, hint = 1;  // 0: the frame is complete
+  while (hint != 0 && at < frame.size()) {
     Bytes piece(65536);
     size_t piece_len = piece.size(), taken = frame.size() - at;
     hint = LZ4F_decompress(context, piece.data(), &piece_len, frame.data() + at, &taken, nullptr);
-    if (LZ4F_isError(hint)) throw std::runtime_error(LZ4F_getErrorName(hint));
+    if (LZ4F_isError(hint)) {
+      LZ4F_freeDecompressionContext(context);
+      throw std::runtime_error(LZ4F_getErrorName(hint));
+    }
     at += taken;
     out.insert(out.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(piece_len));
   }
   LZ4F_freeDecompressionContext(context);
+  if (hint != 0) throw std::runtime_error("the frame ends early");
   if (at != frame.size()) throw std::runtime_error("bytes behind the frame");
   return out;
 }
