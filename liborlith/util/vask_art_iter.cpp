@@ -22,7 +22,6 @@ namespace {
 constexpr size_t kLeavesAhead = 32;
 // How many children of a node are asked for when the walk comes near it.
 constexpr unsigned kChildrenAhead = 16;
-constexpr size_t kCacheLine = 64;
 
 // The children of a node that are to come. It fits two registers and need not be put together in memory: a processor
 // that reads back, in another width, what it just wrote waits for all cells asked for before.

@@ -25,6 +25,8 @@
 namespace liborlith {
 
 inline constexpr uint32_t kStoredPath = VASK_ART_MAX_PREFIX_LEN;
+// What memory is fetched by.
+inline constexpr size_t kCacheLine = 64;
 
 // A node of a type that does not exist: the tree is damaged. Fatal.
 [[noreturn]] void unknown_node_type(const vask_art_node *node);
@@ -115,8 +117,9 @@ inline vask_art_pin *find_child(vask_art_node *n, uint8_t c) noexcept {
     // wrong on every level.
     const unsigned count = n->num_children;
     const unsigned i = first_below(bytes_equal(reinterpret_cast<const uint8_t *>(n + 1), c), count);
-    vask_art_pin *children = n->type == NODE4 ? node4(n)->children : node16(n)->children;
-    return i < count ? children + i : nullptr;
+    static_assert(offsetof(vask_art_node4, children) == sizeof *n + NODE4 * sizeof(vask_art_pin) &&
+                  offsetof(vask_art_node16, children) == sizeof *n + NODE16 * sizeof(vask_art_pin));
+    return i < count ? reinterpret_cast<vask_art_pin *>(n + 1) + n->type + i : nullptr;
   }
   if (n->type == NODE48) {
     const unsigned i = node48(n)->keys[c];

@@ -67,9 +67,14 @@ inline ByteSet bytes_greater(const uint8_t *keys, uint8_t c) noexcept {
 
 // The first position in the set that is below `count` (at most 16), or `count`.
 inline unsigned first_below(ByteSet set, unsigned count) noexcept {
-  if (set == 0) return count;
-  const unsigned first = static_cast<unsigned>(__builtin_ctzll(set)) / kBitsPerByte;
-  return first < count ? first : count;
+  if constexpr (kBitsPerByte == 1) {
+    // `count` itself as one more position: no branch and no comparison.
+    return static_cast<unsigned>(__builtin_ctz(static_cast<uint32_t>(set) | uint32_t{1} << (count & 31)));
+  } else {
+    if (set == 0) return count;
+    const unsigned first = static_cast<unsigned>(__builtin_ctzll(set)) / kBitsPerByte;
+    return first < count ? first : count;
+  }
 }
 
 }  // namespace liborlith
