@@ -10,6 +10,7 @@
 // histograms of independent values instead, where hardly any count stays as it was, and differences do not pay.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -126,6 +127,33 @@ void BM_CompressTheImage(benchmark::State &state) {
   }
 }
 BENCHMARK(BM_CompressTheImage)->ArgName("per_minute")->Arg(10)->Arg(60)->Arg(300)->Arg(0);
+
+// The least that is read to write a series: the codes and the counts of any two neighbours, with nothing made of it.
+void BM_CompareTheColumns(benchmark::State &state) {
+  typedef uint64_t Counts __attribute__((vector_size(64)));
+  const Series hs = make_day(state.range(0));
+  for (auto _ : state) {
+    Counts differ = {};
+    size_t same = 0;
+    for (uint32_t i = 1; i < kMinutes; ++i) {
+      const histogram_t *h = hs->histograms[i];
+      const histogram_t *prior = hs->histograms[i - 1];
+      const auto n = static_cast<size_t>(std::min(hist_bucket_count(h), hist_bucket_count(prior)));
+      same += memcmp(hist_codes(h), hist_codes(prior), n * sizeof(hist_code_t)) == 0;
+      constexpr size_t kAtOnce = sizeof(Counts) / sizeof(uint64_t);
+      for (size_t k = 0; k + kAtOnce <= n; k += kAtOnce) {
+        Counts now;
+        Counts before;
+        memcpy(&now, hist_counts(h) + k, sizeof(now));
+        memcpy(&before, hist_counts(prior) + k, sizeof(before));
+        differ |= now ^ before;
+      }
+    }
+    benchmark::DoNotOptimize(differ);
+    benchmark::DoNotOptimize(same);
+  }
+}
+BENCHMARK(BM_CompareTheColumns)->ArgName("per_minute")->Arg(10)->Arg(60)->Arg(300)->Arg(0);
 
 // With the best instructions that the processor has of these and the ones before them.
 void serialize(benchmark::State &state, hss::Instructions instructions) {

@@ -119,27 +119,125 @@ WIDE_INLINE uint8_t *write_counts(uint8_t *at, const uint64_t *counts, size_t n)
   return at + std::popcount(taken);
 }
 
-}  // namespace
+// Up to so many counts are looked at together, so that which of them differ is known before anything is done about it.
+constexpr size_t kTogether = 2048;
+constexpr size_t kWordBits = 64;
+using Words = uint64_t[kTogether / kWordBits];
 
-WIDE_TARGET size_t subtract_avx512(const Columns &h, const uint64_t *prior_counts, hist_code_t *codes,
-                                   uint64_t *counts, bool *overflows) noexcept {
-  const Columns own = h;  // what is stored could be its fields for all the compiler knows
+// Eight counts of each, the first `lanes` of them.
+WIDE_INLINE uint64_t compare_eight(const uint64_t *now, const uint64_t *before, __mmask8 lanes) noexcept {
+  return _mm512_cmpneq_epi64_mask(_mm512_maskz_loadu_epi64(lanes, now),
+                                  _mm512_maskz_loadu_epi64(lanes, before));
+}
+
+// A bit for each count that differs, of up to kTogether; returns how many there are.
+WIDE_INLINE size_t compare(const uint64_t *now, const uint64_t *before, size_t n, Words words) noexcept {
+  size_t changes = 0;
+  for (size_t i = 0; i < n; i += kWordBits) {
+    const size_t len = std::min(n - i, kWordBits);
+    const size_t full = len / kCounts * kCounts;
+    uint64_t bits = 0;
+    if (len == kWordBits) {
+#pragma GCC unroll 8
+      for (size_t k = 0; k < kWordBits; k += kCounts)
+        bits |= compare_eight(now + i + k, before + i + k, 0xff) << k;
+    } else {
+#pragma GCC unroll 1
+      for (size_t k = 0; k < full; k += kCounts)
+        bits |= compare_eight(now + i + k, before + i + k, 0xff) << k;
+      if (full < len) {
+        const auto lanes = first_lanes<uint8_t>(len - full);
+        bits |= compare_eight(now + i + full, before + i + full, lanes) << full;
+      }
+    }
+    words[i / kWordBits] = bits;
+    changes += static_cast<size_t>(std::popcount(bits));
+  }
+  return changes;
+}
+
+// The differences of two columns of counts as they are gathered.
+struct Changes {
+  hist_code_t *codes;
+  uint64_t *counts;
   size_t n = 0;
+  bool overflows = false;
+};
+
+// Few differ: each is looked up by its place.
+WIDE_INLINE void put_few(const Columns &h, const uint64_t *prior_counts, const Words words,
+                         Changes &out) noexcept {
+  hist_code_t *const places = out.codes + out.n;  // until the codes take their place
+  const __m512i lanes =
+      _mm512_set_epi8(63, 62, 61, 60, 59, 58, 57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45, 44, 43, 42,
+                      41, 40, 39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26, 25, 24, 23, 22, 21, 20,
+                      19, 18, 17, 16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+  size_t n = 0;
+  for (size_t i = 0; i < h.n; i += kWordBits) {
+    const uint64_t bits = words[i / kWordBits];
+    const __m512i first = _mm512_set1_epi16(static_cast<int16_t>(i));
+    const __m512i packed = _mm512_maskz_compress_epi8(bits, lanes);
+    const auto count = static_cast<size_t>(std::popcount(bits));
+    _mm512_storeu_si512(places + n,
+                        _mm512_add_epi16(first, _mm512_cvtepu8_epi16(_mm512_castsi512_si256(packed))));
+    if (count > kCodes) {
+      const __m512i rest = _mm512_cvtepu8_epi16(_mm512_extracti64x4_epi64(packed, 1));
+      _mm512_storeu_si512(places + n + kCodes, _mm512_add_epi16(first, rest));
+    }
+    n += count;
+  }
+  uint64_t *const counts = out.counts + out.n;
+  uint64_t large = 0;
+  for (size_t k = 0; k < n; ++k) {
+    const size_t i = places[k];
+    const uint64_t now = h.counts[i];
+    const uint64_t before = prior_counts[i];
+    large |= now | before;
+    places[k] = h.codes[i];
+    counts[k] = now - before;
+  }
+  out.n += n;
+  out.overflows |= large >> 63 != 0 && any_overflows(h, prior_counts);
+}
+
+// Many differ: all are subtracted, and what is 0 left out.
+WIDE_INLINE void put_many(const Columns &h, const uint64_t *prior_counts, Changes &out) noexcept {
+  size_t n = out.n;
   unsigned wrong_signs = 0;
-  for (size_t i = 0; i < own.n; i += kCounts) {
-    const auto lanes = first_lanes<uint8_t>(own.n - i);
-    const __m512i now = _mm512_maskz_loadu_epi64(lanes, own.counts + i);
+  for (size_t i = 0; i < h.n; i += kCounts) {
+    const auto lanes = first_lanes<uint8_t>(h.n - i);
+    const __m512i now = _mm512_maskz_loadu_epi64(lanes, h.counts + i);
     const __m512i before = _mm512_maskz_loadu_epi64(lanes, prior_counts + i);
     const __m512i change = _mm512_sub_epi64(now, before);
     const __mmask8 has_changed = _mm512_test_epi64_mask(change, change);
     wrong_signs |= static_cast<unsigned>(_mm512_cmplt_epu64_mask(now, before) ^ _mm512_movepi64_mask(change));
-    const __m128i here = _mm_maskz_loadu_epi16(lanes, own.codes + i);
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(codes + n), _mm_maskz_compress_epi16(has_changed, here));
-    _mm512_storeu_si512(counts + n, _mm512_maskz_compress_epi64(has_changed, change));
+    const __m128i here = _mm_maskz_loadu_epi16(lanes, h.codes + i);
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(out.codes + n), _mm_maskz_compress_epi16(has_changed, here));
+    _mm512_storeu_si512(out.counts + n, _mm512_maskz_compress_epi64(has_changed, change));
     n += static_cast<size_t>(std::popcount(static_cast<unsigned>(has_changed)));
   }
-  *overflows = wrong_signs != 0;
-  return n;
+  out.n = n;
+  out.overflows |= wrong_signs != 0;
+}
+
+}  // namespace
+
+WIDE_TARGET size_t subtract_avx512(const Columns &h, const uint64_t *prior_counts, hist_code_t *codes,
+                                   uint64_t *counts, bool *overflows) noexcept {
+  constexpr size_t kFewer = 10;  // one of so many is few
+  Changes out{.codes = codes, .counts = counts};
+  for (size_t i = 0; i < h.n; i += kTogether) {
+    const Columns part = {h.codes + i, h.counts + i, std::min(h.n - i, kTogether)};
+    Words words;
+    const size_t changes = compare(part.counts, prior_counts + i, part.n, words);
+    if (changes * kFewer < part.n) {
+      put_few(part, prior_counts + i, words, out);
+    } else {
+      put_many(part, prior_counts + i, out);
+    }
+  }
+  *overflows = out.overflows;
+  return out.n;
 }
 
 WIDE_TARGET uint8_t *write_avx512(uint8_t *at, const Columns &h) noexcept {

@@ -23,7 +23,6 @@ namespace {
 // ---- Which counts have changed
 
 constexpr size_t kWordBits = 64;
-constexpr size_t kAtOnce = 4;  // counts that are compared together
 
 // The bits of the counts that differ, of up to 64.
 using Compare = uint64_t(const uint64_t *now, const uint64_t *before, size_t n) noexcept;
@@ -35,6 +34,8 @@ uint64_t compare_one_by_one(const uint64_t *now, const uint64_t *before, size_t 
 }
 
 #if defined(__x86_64__)
+
+constexpr size_t kAtOnce = 4;  // counts that are compared together
 
 inline unsigned compare_four(const uint64_t *now, const uint64_t *before) noexcept {
   const auto *const a = reinterpret_cast<const __m128i *>(now);
@@ -100,17 +101,16 @@ COLUMN_INLINE size_t subtract(const Columns &h, const uint64_t *prior_counts, hi
     const uint64_t bits = compare(own.counts + i, prior_counts + i, std::min(own.n - i, kWordBits));
     n += put_places(bits, i, codes + n);
   }
-  bool wrong_signs = false;
+  uint64_t large = 0;
   for (size_t k = 0; k < n; ++k) {
     const size_t i = codes[k];
     const uint64_t now = own.counts[i];
     const uint64_t before = prior_counts[i];
-    const uint64_t change = now - before;
-    wrong_signs |= (now < before) != (static_cast<int64_t>(change) < 0);
+    large |= now | before;
     codes[k] = own.codes[i];
-    counts[k] = change;
+    counts[k] = now - before;
   }
-  *overflows = wrong_signs;
+  *overflows = large >> 63 != 0 && any_overflows(own, prior_counts);
   return n;
 }
 
@@ -248,6 +248,15 @@ std::atomic<const ColumnCode *> &chosen() noexcept {
 }
 
 }  // namespace
+
+bool any_overflows(const Columns &h, const uint64_t *prior_counts) noexcept {
+  bool overflows = false;
+  for (size_t i = 0; i < h.n; ++i) {
+    int64_t change;
+    overflows |= __builtin_sub_overflow(h.counts[i], prior_counts[i], &change);
+  }
+  return overflows;
+}
 
 size_t subtract_plain(const Columns &h, const uint64_t *prior_counts, hist_code_t *codes, uint64_t *counts,
                       bool *overflows) noexcept {

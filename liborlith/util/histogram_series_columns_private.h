@@ -19,7 +19,7 @@ struct Columns {
 };
 
 // Columns that are made have room for so many buckets more: what lies there is overwritten.
-constexpr size_t kColumnPadding = 8;
+constexpr size_t kColumnPadding = 32;
 
 // The room that writing takes. The longest histogram takes less; bytes behind what it takes are overwritten.
 constexpr size_t writing_room(size_t n_buckets) noexcept {
@@ -46,6 +46,9 @@ const ColumnCode &column_code() noexcept;
 void limit_instructions(Instructions most) noexcept;
 
 // ---- The codes themselves
+
+// Whether a difference does not fit into 64 signed bits. Only where counts have all 64 bits is there a need to ask.
+bool any_overflows(const Columns &h, const uint64_t *prior_counts) noexcept;
 
 size_t subtract_plain(const Columns &h, const uint64_t *prior_counts, hist_code_t *codes, uint64_t *counts,
                       bool *overflows) noexcept;

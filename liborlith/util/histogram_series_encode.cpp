@@ -47,25 +47,24 @@ class Changes {
  public:
   explicit Changes(Scratch &scratch) : codes_(scratch.codes()), counts_(scratch.counts()) {}
 
-  // The columns have the same codes.
-  void subtract_in_step(const Columns &h, const Columns &prior) {
-    if constexpr (std::is_same_v<Count, uint64_t> && std::is_same_v<PriorCount, uint64_t>) {
-      n_ = hss::column_code().subtract(h, prior.counts, codes_, counts_, &overflows_);
-    } else {
-      subtract_one_by_one(h, prior);
-    }
-  }
-
-  void subtract_by_merging(const Columns &h, const Columns &prior) {
+  // Where the codes are the same for a while, as they mostly are, the counts are subtracted without looking at them.
+  void subtract(const Columns &h, const Columns &prior) {
     size_t i = 0;
     size_t k = 0;
-    while (i < h.n || k < prior.n) {
-      const bool has_h = i < h.n && (k == prior.n || h.codes[i] <= prior.codes[k]);
-      const bool has_prior = k < prior.n && (i == h.n || prior.codes[k] <= h.codes[i]);
-      put(has_h ? h.codes[i] : prior.codes[k], has_h ? h.counts[i] : 0, has_prior ? prior.counts[k] : 0);
-      i += has_h;
-      k += has_prior;
+    while (i < h.n && k < prior.n) {
+      const size_t same = common_codes(h, i, prior, k);
+      subtract_in_step({h.codes + i, h.counts + i, same}, prior.counts + k);
+      i += same;
+      k += same;
+      while (i < h.n && k < prior.n && h.codes[i] != prior.codes[k]) {
+        const bool has_h = h.codes[i] < prior.codes[k];
+        put(has_h ? h.codes[i] : prior.codes[k], has_h ? h.counts[i] : 0, has_h ? 0 : prior.counts[k]);
+        i += has_h;
+        k += !has_h;
+      }
     }
+    for (; i < h.n; ++i) put(h.codes[i], h.counts[i], 0);
+    for (; k < prior.n; ++k) put(prior.codes[k], 0, prior.counts[k]);
   }
 
   // False when a difference does not fit into 64 signed bits.
@@ -75,8 +74,29 @@ class Changes {
   }
 
  private:
-  void subtract_one_by_one(const Columns &h, const Columns &prior) {
-    for (size_t i = 0; i < h.n; ++i) put(h.codes[i], h.counts[i], prior.counts[i]);
+  static size_t common_codes(const Columns &h, size_t i, const Columns &prior, size_t k) {
+    const size_t most = std::min(h.n - i, prior.n - k);
+    const hist_code_t *const a = h.codes + i;
+    const hist_code_t *const b = prior.codes + k;
+    if (i + k == 0 && h.n == prior.n && memcmp(a, b, most * sizeof(*a)) == 0) return most;
+    constexpr size_t kWord = sizeof(uint64_t) / sizeof(*a);
+    size_t n = 0;
+    while (n + kWord <= most && memcmp(a + n, b + n, sizeof(uint64_t)) == 0) n += kWord;
+    while (n < most && a[n] == b[n]) ++n;
+    return n;
+  }
+
+  // The counts of the same buckets.
+  void subtract_in_step(const Columns &h, const uint64_t *prior_counts) {
+    if constexpr (std::is_same_v<Count, uint64_t> && std::is_same_v<PriorCount, uint64_t>) {
+      if (h.n >= kWorthACall) {
+        bool overflows;
+        n_ += hss::column_code().subtract(h, prior_counts, codes_ + n_, counts_ + n_, &overflows);
+        overflows_ |= overflows;
+        return;
+      }
+    }
+    for (size_t i = 0; i < h.n; ++i) put(h.codes[i], h.counts[i], prior_counts[i]);
   }
 
   void put(hist_code_t code, uint64_t count, uint64_t prior_count) {
@@ -87,6 +107,8 @@ class Changes {
     counts_[n_] = static_cast<uint64_t>(change);
     n_ += change != 0;
   }
+
+  static constexpr size_t kWorthACall = 8;
 
   hist_code_t *codes_;
   uint64_t *counts_;
@@ -99,11 +121,7 @@ class Changes {
 template <typename Count, typename PriorCount>
 bool subtract(const Columns &h, const Columns &prior, Scratch &scratch, Columns *difference) {
   Changes<Count, PriorCount> changes(scratch);
-  if (h.n == prior.n && std::equal(h.codes, h.codes + h.n, prior.codes)) {
-    changes.subtract_in_step(h, prior);
-  } else {
-    changes.subtract_by_merging(h, prior);
-  }
+  changes.subtract(h, prior);
   return changes.finish(difference);
 }
 
