@@ -67,6 +67,7 @@ RUXO_EXPORT ruxo_conf_list_t *ruxo_conf_list_new(const ruxo_conf_node_t *at, con
 RUXO_EXPORT size_t ruxo_conf_list_size(const ruxo_conf_list_t *list);
 RUXO_EXPORT const ruxo_conf_node_t *ruxo_conf_list_at(const ruxo_conf_list_t *list, size_t index);
 
+/* Frees the list, and the configuration if it was its last use. Null is ignored. */
 RUXO_EXPORT void ruxo_conf_list_free(ruxo_conf_list_t *list);
 
 /* The name of the element or attribute without its prefix, and where it stands, for messages: the absolute name of
@@ -96,7 +97,7 @@ RUXO_EXPORT ruxo_conf_result_t ruxo_conf_get_uint64(const ruxo_conf_node_t *at, 
 RUXO_EXPORT ruxo_conf_result_t ruxo_conf_get_double(const ruxo_conf_node_t *at, const char *xpath,
                                                     double *value);
 
-/* "true", "yes", "on", "1"; "false", "no", "off", "0". */
+/* "true", "yes", "on", "1"; "false", "no", "off", "0"; in lower case only. */
 RUXO_EXPORT ruxo_conf_result_t ruxo_conf_get_boolean(const ruxo_conf_node_t *at, const char *xpath,
                                                      ruxo_boolean *value);
 

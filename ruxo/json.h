@@ -92,6 +92,7 @@ RUXO_EXPORT uint64_t ruxo_json_uint(const ruxo_json_object *o);
 /* The value of either kind of number; the nearest double for a large RUXO_JSON_INT. */
 RUXO_EXPORT double ruxo_json_double(const ruxo_json_object *o);
 
+/* The value of a RUXO_JSON_BOOLEAN; false for another type. */
 RUXO_EXPORT ruxo_boolean ruxo_json_boolean(const ruxo_json_object *o);
 
 /* The bytes of a string, borrowed, with a NUL behind them; they may hold NULs, so *len (unless null) is their

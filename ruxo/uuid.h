@@ -23,7 +23,7 @@ RUXO_EXPORT int ruxo_uuid_parse_n(const char *text, size_t len, uint8_t *out);
 /* Writes 36 lower-case characters and a NUL to `out`, which has room for RUXO_UUID_STRING_SIZE. */
 RUXO_EXPORT void ruxo_uuid_unparse_lower(const uint8_t *uuid, char *out);
 
-/* Writes a new random UUID (version 4) to the 16 bytes of `out`. */
+/* Writes a new random UUID (version 4), from the system's source of random numbers, to the 16 bytes of `out`. */
 RUXO_EXPORT void ruxo_uuid_generate(uint8_t *out);
 
 /* Orders two UUIDs by their bytes, as memcmp does. */

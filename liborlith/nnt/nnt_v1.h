@@ -74,8 +74,12 @@ RUXO_EXPORT int v1_encode(const nnt_multitype *v, nnt_datum_v1 *d) RUXO_NOEXCEPT
  * type and the value are set). The upper four bits of `typeinfo` are not looked at. Any thread. */
 RUXO_EXPORT int v1_decode(const nnt_datum_v1 *d, nnt_multitype *v) RUXO_NOEXCEPT;
 
+/* At the end of opening: makes the op_ctx, a v1_meta. 0; -1, refusing the file, when its size is not a header and whole
+ * records or memory ran out. */
 RUXO_EXPORT int nnt_v1_init(nnt_handle *h) RUXO_NOEXCEPT;
+/* Frees the op_ctx; the descriptor is the container's. */
 RUXO_EXPORT void nnt_v1_close(nnt_handle *h) RUXO_NOEXCEPT;
+/* The calls of nnt.h that forward here are called the same without the "v1_": nnt_get, nnt_get_range and so on. */
 RUXO_EXPORT int nnt_v1_get(nnt_handle *h, uint64_t whence, nnt_multitype *v) RUXO_NOEXCEPT;
 RUXO_EXPORT int nnt_v1_get_range(nnt_handle *h, uint64_t whence, int cnt, nnt_multitype *v) RUXO_NOEXCEPT;
 RUXO_EXPORT int nnt_v1_get_raw_range(nnt_handle_readfast *rf, uint64_t whence, int cnt,
@@ -85,12 +89,15 @@ RUXO_EXPORT int nnt_v1_put_range(nnt_handle *h, uint64_t whence, int icnt,
                                  const nnt_multitype *v) RUXO_NOEXCEPT;
 RUXO_EXPORT int nnt_v1_rewind_epoch(nnt_handle *h, uint64_t whence, int fd) RUXO_NOEXCEPT;
 RUXO_EXPORT int nnt_v1_merge(nnt_handle *dst, nnt_handle *src, const char **error) RUXO_NOEXCEPT;
+/* Make and free a view's op_ctx, which is null where memory ran out: reading does not need it. `h` is not looked at. */
 RUXO_EXPORT void nnt_v1_init_readfast(nnt_handle_readfast *rf, nnt_handle *h) RUXO_NOEXCEPT;
 RUXO_EXPORT void nnt_v1_uninit_readfast(nnt_handle_readfast *rf) RUXO_NOEXCEPT;
+/* nnt_get_fast. */
 RUXO_EXPORT int nnt_v1_get_readfast(nnt_handle_readfast *rf, uint64_t whence, nnt_multitype *v) RUXO_NOEXCEPT;
 /* What nnt_get_fast_range does for this version; it has no place in the table. */
 RUXO_EXPORT int nnt_v1_get_readfast_range(nnt_handle_readfast *rf, uint64_t whence, int cnt,
                                           nnt_multitype *v) RUXO_NOEXCEPT;
+/* nnt_get_fast_apocalypse, nnt_delete, and two that are called as there. */
 RUXO_EXPORT int nnt_v1_get_readfast_apocalypse(nnt_handle_readfast *rf, uint64_t *whence) RUXO_NOEXCEPT;
 RUXO_EXPORT int nnt_v1_delete_range(nnt_handle *h, nnt_handle *h2, uint64_t end) RUXO_NOEXCEPT;
 RUXO_EXPORT int nnt_v1_get_apocalypse(nnt_handle *h, uint64_t *whence) RUXO_NOEXCEPT;

@@ -229,11 +229,12 @@ RUXO_EXPORT ruxo_boolean topo_is_local_to_topology(const struct orlith_metric_lo
  * Ids are 16 bytes; a null topology gives 0, null or false. Where `loc` is an array it has room for
  * host_count entries. */
 
+/* The node with that id; null when there is none. */
 RUXO_EXPORT host_config *topo_contains(topo_config *conf, const unsigned char *hostid);
-RUXO_EXPORT int topo_size(topo_config *tc); /* number of nodes */
-RUXO_EXPORT int topo_n(topo_config *tc);    /* number of copies */
-RUXO_EXPORT int topo_w(topo_config *tc);    /* the same */
-RUXO_EXPORT ruxo_boolean topo_sided(topo_config *tc);
+RUXO_EXPORT int topo_size(topo_config *tc);           /* number of nodes */
+RUXO_EXPORT int topo_n(topo_config *tc);              /* number of copies */
+RUXO_EXPORT int topo_w(topo_config *tc);              /* the same */
+RUXO_EXPORT ruxo_boolean topo_sided(topo_config *tc); /* whether its nodes have sides */
 /* The side of a node; BOTH when it is not there. With `tc` null: of this node itself, or else in the active
  * topology. */
 RUXO_EXPORT topo_host_ringside_t topo_side(topo_config *tc, unsigned char *id);
@@ -265,6 +266,7 @@ RUXO_EXPORT topo_config *topo_target(void);      /* the next one if there is one
 
 /* Makes this process act under a temporary id of its own (16 bytes, copied) that is in no topology. */
 RUXO_EXPORT void topo_set_i_am_ephemeral(unsigned char *id);
+/* Whether it does. */
 RUXO_EXPORT ruxo_boolean topo_i_am_ephemeral(void);
 /* Writes this node's 16-byte id: the ephemeral one, else that of the node found by topo_set_node, else the
  * one last given to topo_set_node. */

@@ -115,9 +115,12 @@ RUXO_EXPORT void orlith_metric_locator_immutable_data_release(
 
 /* ---- Setters: plain stores, before the locator is shared ---- */
 
+/* The account that the metric belongs to, any number. Not part of the identity. */
 RUXO_EXPORT void orlith_metric_locator_set_accountid(orlith_metric_locator_t *loc, int32_t account_id);
+/* The set of kinds, METRIC_TYPE_ bits. */
 RUXO_EXPORT void orlith_metric_locator_set_type(orlith_metric_locator_t *loc,
                                                 orlith_metric_locator_metric_type_e type);
+/* The host's own mark: see the type. */
 RUXO_EXPORT void orlith_metric_locator_set_egress_function(orlith_metric_locator_t *loc,
                                                            metrics_db_egress_function_e function);
 /* Stored in the immutable data: every locator that shares it sees the id. */
@@ -127,11 +130,13 @@ RUXO_EXPORT void orlith_metric_locator_mark_canonical(orlith_metric_locator_t *l
 
 /* ---- Accessors. `loc` is not null, except where a result for null is given. Any thread. ---- */
 
+/* As given at creation or set since; the egress function is 0 until it is set. */
 RUXO_EXPORT int32_t orlith_metric_locator_get_account_id(const orlith_metric_locator_t *loc);
 RUXO_EXPORT orlith_metric_locator_metric_type_e
 orlith_metric_locator_get_type(const orlith_metric_locator_t *loc);
 RUXO_EXPORT metrics_db_egress_function_e
 orlith_metric_locator_get_egress_function(const orlith_metric_locator_t *loc);
+/* Whether this one was marked by orlith_metric_locator_mark_canonical. */
 RUXO_EXPORT ruxo_boolean orlith_metric_locator_is_canonical(const orlith_metric_locator_t *loc);
 RUXO_EXPORT uint64_t orlith_metric_locator_get_surrogate_id(const orlith_metric_locator_t *loc); /* null: 0 */
 /* 32 bytes: SHA-256 of the key, the locator's place on the cluster's ring. Borrowed. */
@@ -139,11 +144,13 @@ RUXO_EXPORT const uint8_t *orlith_metric_locator_get_hash(const orlith_metric_lo
 /* Borrowed; its tags point into the name. */
 RUXO_EXPORT const pobe_metric_tagset_t *orlith_metric_locator_get_stream_tags(
     const orlith_metric_locator_t *loc);
+/* Copies the 16 bytes of the check's UUID. */
 RUXO_EXPORT void orlith_metric_locator_get_check_uuid(const orlith_metric_locator_t *loc, uint8_t out[16]);
 /* The canonical name with its stream-tag block, NUL-terminated, borrowed; null for null. */
 RUXO_EXPORT const char *orlith_metric_locator_get_name_with_tags(const orlith_metric_locator_t *loc);
 /* The same pointer: only the length differs, so the text without tags is not NUL-terminated. */
 RUXO_EXPORT const char *orlith_metric_locator_get_name_without_tags(const orlith_metric_locator_t *loc);
+/* The bytes of either, without a NUL. */
 RUXO_EXPORT size_t orlith_metric_locator_get_name_len_with_tags(const orlith_metric_locator_t *loc);
 RUXO_EXPORT size_t orlith_metric_locator_get_name_len_without_tags(const orlith_metric_locator_t *loc);
 /* The name as a view; (null, 0) when it is empty. */
@@ -236,7 +243,7 @@ RUXO_EXPORT oil_list_t *orlith_metric_locator_get_activity_clone(orlith_metric_l
 /* Writes the list with oil_dump(). */
 RUXO_EXPORT void orlith_metric_locator_oil_dump(orlith_metric_locator_t *loc);
 
-/* The activity lock itself, exclusive and shared. */
+/* The activity lock itself, exclusive and shared: taking it waits, and whoever took it gives it back the same way. */
 RUXO_EXPORT void orlith_metric_locator_oil_lock(orlith_metric_locator_t *loc);
 RUXO_EXPORT void orlith_metric_locator_oil_unlock(orlith_metric_locator_t *loc);
 RUXO_EXPORT void orlith_metric_locator_oil_shared_lock(orlith_metric_locator_t *loc);

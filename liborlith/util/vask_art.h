@@ -126,6 +126,7 @@ typedef struct vask_art_tree_interposition {
 
 /* Values as they are, cells from malloc. */
 RUXO_EXPORT extern vask_art_tree_interposition_t vask_art_tree_default_interposition;
+/* Its `alloc` and `free`: malloc, which may give null, and free. For tables of hooks that change only others. */
 RUXO_EXPORT void *vask_art_default_alloc(void *closure, const vask_art_tree *t, size_t len);
 RUXO_EXPORT void vask_art_default_free(void *closure, const vask_art_tree *t, void *cell);
 
