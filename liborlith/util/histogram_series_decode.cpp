@@ -1,5 +1,6 @@
 // From an image to a series, and from an entry's data to its histogram.
 #include <algorithm>
+#include <bit>
 #include <cstdlib>
 #include <new>
 
@@ -15,6 +16,7 @@ struct Data {
   const uint8_t *mantissas;
   const uint8_t *counts;
   const uint8_t *counts_end;
+  const uint8_t *image_end;
   size_t n;
 };
 
@@ -26,6 +28,7 @@ bool find_data(const histogram_series_t *hs, uint32_t i, Data *out) {
   if (end > hs->buff_len || start > end || end - start < hss::kBucketCountBytes) return false;
   const uint8_t *image = hss::image_of(hs);
   out->counts_end = image + end - hss::kBucketCountBytes;
+  out->image_end = image + hs->buff_len;
   out->n = hss::load<uint16_t>(out->counts_end);
   // A bucket has an exponent, a mantissa and a count of at least a byte.
   if (end - start - hss::kBucketCountBytes < out->n * 3) return false;
@@ -136,50 +139,174 @@ bool add_by_merging(const histogram_t *prior, const Buckets &difference, Buckets
   return good;
 }
 
-// Where a column of codes has the buckets of a difference. False when it is not the usual case: that they are few,
-// positive, in order and all there.
-bool find_buckets(const Data &data, const hist_code_t *codes, size_t n, uint16_t *indices) {
-  if (data.n > kFew) return false;
-  size_t next = 0;   // no bucket before it may follow
-  size_t shift = 0;  // from the index to the code: the same for all neighbours in a decade that has no gaps
-  for (size_t i = 0; i < data.n;) {
-    const uint8_t exponent = data.exponents[i];
-    const unsigned decade = 0x8000u | (exponent ^ 0x80u) << 7;
-    unsigned mantissa = 0;
-    do {
-      mantissa += data.mantissas[i];
-      if (mantissa - kMinMantissa > kMaxMantissa - kMinMantissa) return false;
-      const unsigned code = decade | mantissa;
-      size_t index = code - shift;
-      if (index < next || index >= n || codes[index] != code) {
-        for (index = next; index < n && codes[index] < code;) ++index;
-        if (index == n || codes[index] != code) return false;
-        shift = code - index;
-      }
-      next = index + 1;
-      indices[i++] = static_cast<uint16_t>(index);
-    } while (i < data.n && data.exponents[i] == exponent);
-  }
-  return true;
+// ---- Eight bytes at a time
+
+constexpr uint64_t kEach = 0x0101010101010101;
+constexpr uint64_t kTops = 0x80 * kEach;
+
+// The next eight bytes, 0 where there are none.
+uint64_t load_eight(const uint8_t *at, const uint8_t *end) {
+  if (end - at >= 8) return hss::load<uint64_t>(at);
+  uint64_t bytes = 0;
+  memcpy(&bytes, at, static_cast<size_t>(end - at));
+  return bytes;
 }
 
-// Adds the counts of a difference to those that they belong to. False when they end too late or too early, or when a
-// sum leaves the range of a count. `is_zero` tells whether a sum is 0.
-bool add_counts(const Data &data, const uint16_t *indices, uint64_t *counts, bool *is_zero) {
-  const uint8_t *at = data.counts;
-  bool good = true;
-  bool zero = false;
-  for (size_t i = 0; i < data.n; ++i) {
-    int64_t change;
-    at = hss::hss_read_bvcount(at, data.counts_end, &change);
-    if (at == nullptr) return false;
-    uint64_t &count = counts[indices[i]];
-    good &= add_change(count, static_cast<uint64_t>(change), &count);
-    zero |= count == 0;
-  }
-  *is_zero = zero;
-  return good && at == data.counts_end;
+// How many bytes from the first on are the same.
+size_t repetitions(uint64_t bytes) {
+  const uint64_t others = bytes ^ (bytes & 0xff) * kEach;
+  return others == 0 ? 8 : static_cast<size_t>(std::countr_zero(others)) / 8;
 }
+
+// Whether one is above `limit`, which is at most 127.
+bool any_above(uint64_t bytes, unsigned limit) {
+  return ((((bytes & ~kTops) + (0x7f - limit) * kEach) | bytes) & kTops) != 0;
+}
+
+bool any_zero(uint64_t bytes) {
+  return ((bytes - kEach) & ~bytes & kTops) != 0;
+}
+
+unsigned byte_of(uint64_t bytes, size_t i) {
+  return static_cast<unsigned>(bytes >> (8 * i)) & 0xff;
+}
+
+// Adds the counts of a difference to those that they belong to, in groups of up to eight buckets of one decade. For the
+// usual case: all buckets are positive, and all are there.
+class Adder {
+ public:
+  // Columns of `n` buckets, none of them 0.
+  Adder(const Data &data, const hist_code_t *codes, uint64_t *counts, size_t n)
+      : data_(data), codes_(codes), counts_(counts), n_(n), at_(data.counts) {}
+
+  // False when it is not the usual case, when counts end too late or too early, and when a sum leaves the range of a
+  // count. The counts are of no use then.
+  bool add_all() {
+    for (size_t i = 0; i < data_.n;) {
+      const uint64_t exponents = load_eight(data_.exponents + i, data_.image_end);
+      const size_t len = std::min(repetitions(exponents), data_.n - i);
+      const unsigned decade = 0x8000u | ((exponents & 0xff) ^ 0x80u) << 7;
+      if (decade != decade_) start_decade(decade);
+      if (!add_group(i, len)) return false;
+      i += len;
+    }
+    return good_ && at_ == data_.counts_end;
+  }
+
+  // Whether a sum is 0.
+  bool makes_zero() const { return makes_zero_; }
+
+ private:
+  void start_decade(unsigned decade) {
+    constexpr unsigned kCodesOfADecade = 128;
+    constexpr unsigned kBuckets = kMaxMantissa - kMinMantissa + 1;
+    // Without a gap between the decades their buckets are neighbours.
+    if (decade == decade_ + kCodesOfADecade) shift_ += kCodesOfADecade - kBuckets;
+    decade_ = decade;
+    mantissa_ = 0;
+  }
+
+  bool add_group(size_t i, size_t len) {
+    const uint64_t used = ~uint64_t{0} >> (64 - 8 * len);
+    const uint64_t steps = load_eight(data_.mantissas + i, data_.image_end) & used;
+    // Each mantissa is the sum of the steps up to it. With no step above the limit the first sum that is too large is
+    // seen to be before anything is carried from one byte to the next.
+    const uint64_t mantissas = (steps + mantissa_) * kEach;
+    if (any_above(steps, kMaxMantissa) || any_zero(steps | ~used) || any_above(mantissas, kMaxMantissa))
+      return false;
+    const unsigned first = byte_of(mantissas, 0);
+    const unsigned last = byte_of(mantissas, 7);  // steps that are not used are 0
+    if (first < kMinMantissa || !find(decade_ | first)) return false;
+    mantissa_ = last;
+    // Codes ascend: where two are as far apart as their places, none between them is missing.
+    const size_t last_place = place_ + (last - first);
+    if (last_place >= n_ || codes_[last_place] != (decade_ | last)) return add_one_by_one(mantissas, len);
+    if (!add_short(mantissas, used, len)) {
+      for (size_t k = 0; k < len; ++k)
+        if (!add_count(place_ + (byte_of(mantissas, k) - first))) return false;
+    }
+    place_ = last_place;
+    next_ = last_place + 1;
+    return true;
+  }
+
+  bool add_one_by_one(uint64_t mantissas, size_t len) {
+    for (size_t k = 0; k < len; ++k) {
+      if (!find(decade_ | byte_of(mantissas, k)) || !add_count(place_)) return false;
+      next_ = place_ + 1;
+    }
+    return true;
+  }
+
+  // Finds a bucket from next_ on. Between neighbours in a decade there is mostly no gap.
+  bool find(unsigned code) {
+    size_t place = code - shift_;
+    if (place < next_ || place >= n_ || codes_[place] != code) {
+      place = search(code);
+      if (place == n_ || codes_[place] != code) return false;
+      shift_ = code - place;
+    }
+    place_ = place;
+    return true;
+  }
+
+  // The first place from next_ on that has no code below this one. How far that is cannot be foreseen, so that it is
+  // counted, not stopped at.
+  size_t search(unsigned code) const {
+    constexpr size_t kStride = 8;
+    size_t place = next_;
+    while (n_ - place >= kStride) {
+      size_t below = 0;
+#pragma GCC unroll 8
+      for (size_t k = 0; k < kStride; ++k) below += codes_[place + k] < code;
+      place += below;
+      if (below < kStride) return place;
+    }
+    while (place < n_ && codes_[place] < code) ++place;
+    return place;
+  }
+
+  // When all counts are positive ones in a byte each; else does nothing. The buckets are neighbours from place_ on.
+  bool add_short(uint64_t mantissas, uint64_t used, size_t len) {
+    const uint64_t bytes = load_eight(at_, data_.image_end) & used;
+    const uint64_t are_short = (((bytes & 0x70 * kEach) + 0x70 * kEach) | bytes) & kTops;
+    if (are_short != (kTops & used) || (bytes & hss::kNegative * kEach) != 0) return false;
+    const uint64_t amounts = bytes >> 4 & 0x0f * kEach;
+    const size_t shift = place_ - byte_of(mantissas, 0);
+    bool wraps = false;
+    // Without an end that cannot be foreseen: those that are not used add 0 to the last bucket.
+#pragma GCC unroll 8
+    for (size_t k = 0; k < 8; ++k) {
+      uint64_t &count = counts_[shift + byte_of(mantissas, k)];
+      wraps |= __builtin_add_overflow(count, byte_of(amounts, k), &count);
+    }
+    good_ &= !wraps;
+    at_ += len;
+    return true;
+  }
+
+  bool add_count(size_t place) {
+    int64_t change;
+    at_ = hss::hss_read_bvcount(at_, data_.counts_end, &change);
+    if (at_ == nullptr) return false;
+    good_ &= add_change(counts_[place], static_cast<uint64_t>(change), &counts_[place]);
+    makes_zero_ |= counts_[place] == 0;
+    return true;
+  }
+
+  const Data data_;
+  const hist_code_t *const codes_;
+  uint64_t *const counts_;
+  const size_t n_;
+  const uint8_t *at_;    // the next count
+  unsigned decade_ = 0;  // of the group before: none
+  uint64_t mantissa_ = 0;
+  size_t next_ = 0;   // no bucket before it may follow
+  size_t place_ = 0;  // of the last bucket that was found
+  size_t shift_ = 0;  // from a place to the code there
+  bool good_ = true;
+  bool makes_zero_ = false;
+};
 
 // The usual case of a difference, from its bytes to a copy of `prior`. Null when it is another, and whenever anything
 // is wrong: the long way then finds out what.
@@ -188,14 +315,10 @@ hss::HistogramPtr add_to_copy(const Data &data, const histogram_t *prior) {
   hss::HistogramPtr sum(hist_clone(prior));
   if (sum == nullptr) return nullptr;
   hist_remove_zeroes(sum.get());
-  uint16_t indices[kFew];
-  bool is_zero;
-  if (!find_buckets(data, hist_codes(sum.get()), static_cast<size_t>(hist_bucket_count(sum.get())),
-                    indices) ||
-      !add_counts(data, indices, hist_mutable_counts(sum.get()), &is_zero)) {
-    return nullptr;
-  }
-  if (is_zero) hist_remove_zeroes(sum.get());
+  Adder adder(data, hist_codes(sum.get()), hist_mutable_counts(sum.get()),
+              static_cast<size_t>(hist_bucket_count(sum.get())));
+  if (!adder.add_all()) return nullptr;
+  if (adder.makes_zero()) hist_remove_zeroes(sum.get());
   return sum;
 }
 
