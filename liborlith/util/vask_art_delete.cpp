@@ -121,6 +121,7 @@ void *delete_key(vask_art_tree *t, const Key &key, bool *removed) noexcept {
   size_t depth = 0;
   while (*slot != 0 && !IS_LEAF(*slot)) {
     vask_art_node *n = node_at(base, *slot);
+    ask_for_node_tail(base, *slot);
     if (n->partial_len != 0) {
       if (!stored_path_may_match(n, key, depth)) return nullptr;
       depth += n->partial_len;
@@ -134,6 +135,7 @@ void *delete_key(vask_art_tree *t, const Key &key, bool *removed) noexcept {
     ++depth;
   }
   if (*slot == 0) return nullptr;
+  ask_for_leaf_tail(base, *slot, key);
   vask_art_leaf *leaf = leaf_at(base, *slot);
   if (!leaf_matches(leaf, key)) return nullptr;
   if (parent != nullptr) {

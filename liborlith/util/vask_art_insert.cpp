@@ -163,6 +163,7 @@ void *insert_key(vask_art_tree *t, const Key &key, void *value, bool replace, bo
   size_t depth = 0;
   while (*ref != 0 && !IS_LEAF(*ref)) {
     vask_art_node *n = node_at(base, *ref);
+    ask_for_node_tail(base, *ref);
     if (n->partial_len != 0) {
       const size_t matching = matching_path_len(base, n, key, depth);
       if (matching < n->partial_len) {

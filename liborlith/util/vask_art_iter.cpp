@@ -84,9 +84,6 @@ class Leaves {
   }
 
  private:
-  static void ask_for_lines(uintptr_t cell, size_t from, size_t to) noexcept {
-    for (size_t at = from; at < to; at += kCacheLine) __builtin_prefetch(address_of(cell + at));
-  }
   // Asks for as much of a node as the two smaller kinds have.
   void ask_for_node(vask_art_pin pin) noexcept { ask_for_lines(base_ + pin, 0, sizeof(vask_art_node16)); }
   void ask_below(vask_art_pin pin) noexcept {

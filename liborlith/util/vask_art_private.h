@@ -100,6 +100,20 @@ void *alloc_cell(const vask_art_tree *t, size_t len) noexcept;
 void free_cell(const vask_art_tree *t, void *cell) noexcept;
 vask_art_node *alloc_node(const vask_art_tree *t, uint8_t type) noexcept;
 
+// Asks for the lines of a cell that begin from `from` on and before `to`.
+inline void ask_for_lines(uintptr_t cell, size_t from, size_t to) noexcept {
+  for (size_t at = from; at < to; at += kCacheLine) __builtin_prefetch(address_of(cell + at));
+}
+// For a walk that reads a cell's first line at once. Which other line of a node it needs depends on what stands there:
+// asks for those of the two smaller kinds.
+inline void ask_for_node_tail(uintptr_t base, vask_art_pin pin) noexcept {
+  ask_for_lines(base + pin, kCacheLine, sizeof(vask_art_node16));
+}
+// A leaf has the key's length if it has the key: its end need not wait for its begin.
+inline void ask_for_leaf_tail(uintptr_t base, vask_art_pin pin, const Key &key) noexcept {
+  __builtin_prefetch(address_of(base + pin + offsetof(vask_art_leaf, key) + key.len));
+}
+
 // ---- children ----
 
 template <typename Word>

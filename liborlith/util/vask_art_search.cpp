@@ -48,9 +48,7 @@ const vask_art_leaf *find_leaf(const vask_art_tree *t, const Key &key) noexcept 
   while (!IS_LEAF(pin)) {
     if (pin == 0) return nullptr;
     vask_art_node *n = node_at(base, pin);
-    // Which line of a node is needed depends on what stands in its first: ask for those of the two smaller kinds.
-    for (size_t line = kCacheLine; line < sizeof(vask_art_node16); line += kCacheLine)
-      __builtin_prefetch(address_of(base + pin + line));
+    ask_for_node_tail(base, pin);
     // A branch, so that where there is no path, which is the rule, the child can be asked for before the node is there.
     if (n->partial_len != 0) {
       if (!stored_path_may_match(n, key, depth)) return nullptr;
@@ -62,8 +60,7 @@ const vask_art_leaf *find_leaf(const vask_art_tree *t, const Key &key) noexcept 
     pin = *child;
     ++depth;
   }
-  // The leaf has the key's length if it has the key: its end need not wait for its begin.
-  __builtin_prefetch(address_of(base + pin + offsetof(vask_art_leaf, key) + key.len));
+  ask_for_leaf_tail(base, pin, key);
   const vask_art_leaf *leaf = leaf_at(base, pin);
   return leaf_matches(leaf, key) ? leaf : nullptr;
 }
