@@ -185,7 +185,7 @@ class Adder {
     for (size_t i = 0; i < data_.n;) {
       const uint64_t exponents = load_eight(data_.exponents + i, data_.image_end);
       const size_t len = std::min(repetitions(exponents), data_.n - i);
-      const unsigned decade = 0x8000u | ((exponents & 0xff) ^ 0x80u) << 7;
+      const unsigned decade = 0x8000u | (byte_of(exponents, 0) ^ 0x80u) << 7;
       if (decade != decade_) start_decade(decade);
       if (!add_group(i, len)) return false;
       i += len;
