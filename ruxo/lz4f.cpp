@@ -3,6 +3,8 @@
 #include <lz4frame.h>
 #include <stdlib.h>
 #include <string.h>
+#define XXH_STATIC_LINKING_ONLY  // for a state without an allocation
+#include <xxhash.h>
 
 #include <algorithm>
 #include <array>
@@ -22,8 +24,14 @@ constexpr size_t kContentSizeOffset = 6;
 constexpr size_t kShortestHead = 7;
 constexpr size_t kLongestHead = 19;
 constexpr std::array<unsigned char, kFlagsOffset> kMagic = {0x04, 0x22, 0x4d, 0x18};
+constexpr unsigned char kHasBlockChecksums = 0x10;
 constexpr unsigned char kHasContentSize = 0x08;
+constexpr unsigned char kHasContentChecksum = 0x04;
 constexpr unsigned char kHasDictionary = 0x01;
+// The checksums, XXH32 with seed 0: of the content, at the frame's end; of the flags and what follows them, its second
+// byte, at the head's end. The library computes them itself, too, but takes twice as long as the one it has them from,
+// and for content that compresses well longer than for all the rest.
+constexpr size_t kContentChecksumBytes = 4;
 
 // What is written beside the library's defaults: a flipped bit in the content must not pass for data.
 LZ4F_preferences_t preferences() {
@@ -31,6 +39,26 @@ LZ4F_preferences_t preferences() {
   memset(&result, 0, sizeof result);
   result.frameInfo.contentChecksumFlag = LZ4F_contentChecksumEnabled;
   return result;
+}
+
+void put_u32(unsigned char *to, uint32_t value) {
+  for (size_t i = 0; i < 4; ++i) to[i] = static_cast<unsigned char>(value >> 8 * i);
+}
+
+uint32_t get_u32(const unsigned char *from) {
+  uint32_t value = 0;
+  for (size_t i = 4; i-- > 0;) value = value << 8 | from[i];
+  return value;
+}
+
+// Gives the frame of `len` bytes, which has no checksum of its content, the one of `content`, for which there is room
+// behind it. Returns its new length.
+size_t add_content_checksum(unsigned char *frame, size_t len, const void *content, size_t content_len) {
+  frame[kFlagsOffset] |= kHasContentChecksum;
+  const size_t described = kShortestHead - 1 - kFlagsOffset;
+  frame[kShortestHead - 1] = static_cast<unsigned char>(XXH32(frame + kFlagsOffset, described, 0) >> 8);
+  put_u32(frame + len, XXH32(content, content_len, 0));
+  return len + kContentChecksumBytes;
 }
 
 // The library documents the names of its errors, but numbers them differently from version to version.
@@ -69,7 +97,11 @@ class Head {
     return true;
   }
 
-  bool says_size() const { return count_ == size_ && (bytes_[kFlagsOffset] & kHasContentSize) != 0; }
+  bool says_size() const { return is_complete() && has(kHasContentSize); }
+  // Whether the only checksum behind the head is that of the content.
+  bool has_content_checksum_alone() const {
+    return is_complete() && has(kHasContentChecksum) && !has(kHasBlockChecksums);
+  }
   uint64_t content_size() const {
     uint64_t size = 0;
     for (size_t i = 8; i-- > 0;) size = size << 8 | bytes_[kContentSizeOffset + i];
@@ -77,9 +109,29 @@ class Head {
   }
 
  private:
+  bool is_complete() const { return count_ == size_; }
+  bool has(unsigned char flag) const { return (bytes_[kFlagsOffset] & flag) != 0; }
+
   std::array<unsigned char, kLongestHead> bytes_{};
   size_t count_ = 0;
   size_t size_ = kShortestHead;
+};
+
+// The checksum of a content as it comes, and the last bytes of the frame, where it has to stand.
+class ContentChecksum {
+ public:
+  ContentChecksum() { XXH32_reset(&state_, 0); }
+  void add_content(const unsigned char *bytes, size_t len) { XXH32_update(&state_, bytes, len); }
+  void add_frame(const unsigned char *bytes, size_t len) {
+    const size_t taken = std::min(len, last_.size());
+    std::copy(last_.begin() + static_cast<ptrdiff_t>(taken), last_.end(), last_.begin());
+    std::copy_n(bytes + len - taken, taken, last_.end() - static_cast<ptrdiff_t>(taken));
+  }
+  bool matches() const { return XXH32_digest(&state_) == get_u32(last_.data()); }
+
+ private:
+  XXH32_state_t state_;
+  std::array<unsigned char, kContentChecksumBytes> last_{};
 };
 
 struct FreeContext {
@@ -108,6 +160,7 @@ struct ruxo_lz4f_stream {
   size_t capacity = 0;
   size_t length = 0;
   Head head;
+  ContentChecksum checksum;
   bool complete = false;
   ruxo_lz4f_status_t status = RUXO_LZ4F_OK;
 
@@ -115,6 +168,7 @@ struct ruxo_lz4f_stream {
   bool reallocate(size_t bytes);
   bool make_room();
   ruxo_lz4f_status_t decompress(const unsigned char *bytes, size_t len);
+  size_t decompress_next(const unsigned char *bytes, size_t *used, size_t *made);
 };
 
 bool ruxo_lz4f_stream::reallocate(size_t bytes) {
@@ -132,12 +186,24 @@ bool ruxo_lz4f_stream::make_room() {
   return reallocate(capacity > limit / 2 ? limit : capacity * 2);
 }
 
+// One call of the library, whose hint or error it returns; keeps up with the checksum.
+size_t ruxo_lz4f_stream::decompress_next(const unsigned char *bytes, size_t *used, size_t *made) {
+  LZ4F_decompressOptions_t options;
+  memset(&options, 0, sizeof options);
+  options.skipChecksums = head.has_content_checksum_alone() ? 1 : 0;
+  const size_t hint = LZ4F_decompress(context.get(), buffer.get() + length, made, bytes, used, &options);
+  if (options.skipChecksums == 0 || LZ4F_isError(hint)) return hint;
+  checksum.add_content(buffer.get() + length, *made);
+  checksum.add_frame(bytes, *used);
+  return hint;
+}
+
 ruxo_lz4f_status_t ruxo_lz4f_stream::decompress(const unsigned char *bytes, size_t len) {
   for (;;) {
     if (!make_room()) return RUXO_LZ4F_MEMORY;
     size_t used = len;
     size_t made = capacity - length;
-    const size_t hint = LZ4F_decompress(context.get(), buffer.get() + length, &made, bytes, &used, nullptr);
+    const size_t hint = decompress_next(bytes, &used, &made);
     if (LZ4F_isError(hint)) return status_of(hint);
     length += made;
     bytes += used;
@@ -147,6 +213,7 @@ ruxo_lz4f_status_t ruxo_lz4f_stream::decompress(const unsigned char *bytes, size
     if (length == limit || (head.says_size() && head.content_size() >= limit)) return RUXO_LZ4F_TOO_LARGE;
     if (head.says_size() && length > head.content_size()) return RUXO_LZ4F_SIZE;
     complete = hint == 0;
+    if (complete && head.has_content_checksum_alone() && !checksum.matches()) return RUXO_LZ4F_CHECKSUM;
     if (complete) return len == 0 ? RUXO_LZ4F_OK : RUXO_LZ4F_TRAILING;
     // Room that is left over means that nothing is held back for want of it.
     if (len == 0 && length < capacity) return RUXO_LZ4F_OK;
@@ -195,9 +262,13 @@ size_t ruxo_lz4f_compress_bound(size_t len) {
 
 size_t ruxo_lz4f_compress(const void *src, size_t len, void *dest, size_t dest_len) {
   if (dest_len < ruxo_lz4f_compress_bound(len)) return 0;
-  const LZ4F_preferences_t chosen = preferences();
-  const size_t written = LZ4F_compressFrame(dest, dest_len, src == nullptr ? "" : src, len, &chosen);
-  return LZ4F_isError(written) ? 0 : written;
+  const void *const content = src == nullptr ? "" : src;
+  LZ4F_preferences_t without_checksum = preferences();
+  without_checksum.frameInfo.contentChecksumFlag = LZ4F_noContentChecksum;
+  const size_t written =
+      LZ4F_compressFrame(dest, dest_len - kContentChecksumBytes, content, len, &without_checksum);
+  if (LZ4F_isError(written)) return 0;
+  return add_content_checksum(static_cast<unsigned char *>(dest), written, content, len);
 }
 
 ruxo_lz4f_status_t ruxo_lz4f_decompress(const void *src, size_t len, size_t max_bytes, void **out,
