@@ -5,8 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
+#include "ruxo/b64.h"
 #include "ruxo/util.h"
 
 namespace {
@@ -37,6 +39,23 @@ std::string metric_file_path(std::string_view check_uuid, std::string_view encod
   }
   result.append("/").append(encoded).append(suffix);
   return result;
+}
+
+// The first character stays as it is, on purpose: see doc/metric-locator.md.
+std::string encoded_name(std::string_view name) {
+  std::string encoded(ruxo_b64_encode_len(name.size()), '\0');
+  ruxo_b64_encode(name.data(), name.size(), encoded.data(), encoded.size());
+  if (!encoded.empty()) std::replace(encoded.begin() + 1, encoded.end(), '/', '_');
+  return encoded;
+}
+
+std::optional<std::string> decoded_name(std::string_view encoded) {
+  std::string text(encoded);
+  std::replace(text.begin(), text.end(), '_', '/');
+  std::string name(ruxo_b64_max_decode_len(text.size()), '\0');
+  name.resize(ruxo_b64_decode(text.data(), text.size(), name.data(), name.size()));
+  if (encoded_name(name) != encoded) return std::nullopt;
+  return name;
 }
 
 std::string encoded_name_from_parts(const std::vector<std::string> &parts) {

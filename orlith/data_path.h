@@ -2,6 +2,7 @@
 #ifndef ORLITH_DATA_PATH_H
 #define ORLITH_DATA_PATH_H
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,6 +23,10 @@ std::string metric_file_path(std::string_view check_uuid, std::string_view encod
 constexpr std::string_view kNewSuffix = ".new";
 constexpr std::string_view kOldSuffix = ".old";
 constexpr size_t kMaxFileName = 255 - kNewSuffix.size();
+
+// A canonical name in the locator's path form, and back; nothing for text that is no such form.
+std::string encoded_name(std::string_view name);
+std::optional<std::string> decoded_name(std::string_view encoded);
 
 // The encoded name back from the parts below the check's folder; empty when the last part is no NNT file.
 std::string encoded_name_from_parts(const std::vector<std::string> &parts);

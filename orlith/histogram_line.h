@@ -2,16 +2,10 @@
 #ifndef ORLITH_HISTOGRAM_LINE_H
 #define ORLITH_HISTOGRAM_LINE_H
 
-#include <memory>
 #include <string>
 
 #include "liborlith/orollupd/rollup.h"
-#include "liborlith/util/metric_locator.h"
-
-struct DerefLocator {
-  void operator()(orlith_metric_locator_t *locator) const { orlith_metric_locator_deref(locator); }
-};
-using Locator = std::unique_ptr<orlith_metric_locator_t, DerefLocator>;
+#include "orlith/locator.h"
 
 // Goes on where mline_split stopped with the code 0, as it does at every line that is no M line: cuts what begins at
 // the timestamp into timestamp, check, name and histogram text (the value), with the type of a histogram. 1, or as the
