@@ -37,8 +37,9 @@
 // at most a one-letter short form. The global options are added by the table and read from session.settings.
 // The examples are run by a test, through sh, in a folder that holds cluster.xml (a topology of four nodes),
 // cpu.nnt (a day of 300-second slots), packed.cfssz (the same packed), damaged.nnt, lines.txt (M lines),
-// histograms.txt (histogram lines), latency.hss (a series of three histograms), broken.hss and orlith.conf (a
-// configuration); each must end with exit_fine unless it says otherwise itself (|| test $? = 2).
+// histograms.txt (histogram lines), latency.hss (a series of three histograms), broken.hss, rollups (a data folder with
+// one metric), metrics.index (an index of it) and orlith.conf (a configuration); each must end with exit_fine unless it
+// says otherwise itself (|| test $? = 2).
 #ifndef ORLITH_CLI_H
 #define ORLITH_CLI_H
 

@@ -16,6 +16,12 @@
   X(nnt_verify)            \
   X(pack)                  \
   X(unpack)                \
+  X(index_build)           \
+  X(index_get)             \
+  X(index_prefix)          \
+  X(index_tags)            \
+  X(index_stats)           \
+  X(index_verify)          \
   X(hist_show)             \
   X(hist_verify)           \
   X(completion)            \
@@ -35,6 +41,7 @@ std::span<const Group> all_groups() {
       {"topo", "compile topologies, see who owns what"},
       {"nnt", "look into numeric time-series files"},
       {"hist", "look into histograms"},
+      {"index", "find metrics by name or tag in one file"},
   };
   return groups;
 }

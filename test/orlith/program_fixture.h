@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string>
 
+#include "test/orlith/index_model.h"
 #include "test/orlith/nnt_model.h"
 #include "test/orlith/pack_model.h"
 #include "test/orlith/series_model.h"
@@ -32,6 +33,10 @@ struct ProgramTest : testing::Test {
                ".000\t1b4e28ba-2fa1-11d2-883f-0016d3cca427\tcpu|ST[core:1]\tL\t" + std::to_string(i) + "\n";
     folder.write("lines.txt", lines);
     folder.write("orlith.conf", "<orlith/>\n");
+    const std::string check = "1b4e28ba-2fa1-11d2-883f-0016d3cca427";
+    std::filesystem::create_directories(folder.file("rollups/300/" + check));
+    folder.write("rollups/300/" + check + "/Y3B1fFNUW2NvcmU6MV0=.nnt", sample_nnt_file());
+    folder.write("metrics.index", one_metric_index(check + "-cpu|ST[core:1]", "core:1", 300));
     // 1 once and 2 twice.
     folder.write("histograms.txt",
                  "H\t1700000000\t1b4e28ba-2fa1-11d2-883f-0016d3cca427\tlatency\taBACCsABCgI=\n");
