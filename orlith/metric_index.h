@@ -43,8 +43,9 @@ struct IndexDirectory {
   uint64_t tag_count;
   uint64_t tagged_count;  // entries of all lists together
   uint64_t trees_hash;    // of the data folder's trees: see data_scan.h
+  uint64_t content_hash;  // XXH3, 64 bits, of what lies between the image's header and this field
 };
-static_assert(sizeof(IndexDirectory) == 64);
+static_assert(sizeof(IndexDirectory) == 72);
 constexpr char kIndexMagic[4] = {'M', 'I', 'D', 'X'};
 constexpr uint16_t kIndexVersion = 1;
 
@@ -88,7 +89,7 @@ class MetricIndex {
   std::string each_with_tags(std::span<const std::string> tags, const Visit &visit) const;
 
   std::string stats(IndexStats *stats) const;
-  // Reads everything: both trees, every value and list, and whether the tags are those of the keys.
+  // Reads everything: both trees, every value and list, whether the tags are those of the keys, and the hash.
   std::string verify() const;
 
  private:
@@ -117,6 +118,7 @@ class MetricIndex {
   std::string list_of(const ImageLeaf &tag, List *list) const;
   std::string key_of(const ImageLeaf &leaf, std::string_view *key) const;
   std::string verify_trees() const;
+  std::string verify_hash() const;
   // `leaves` are those of all metrics, ascending. Adds to *entries.
   std::string verify_list(const ImageLeaf &tag, const std::vector<LeafUnits> &leaves,
                           uint64_t *entries) const;

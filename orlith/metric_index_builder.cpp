@@ -1,11 +1,15 @@
 #include "orlith/metric_index_builder.h"
 
 #include <unistd.h>
+#include <xxhash.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <deque>
 #include <limits>
+#include <memory>
 #include <string>
 
 #include "orlith/metric_index.h"
@@ -13,6 +17,11 @@
 namespace {
 
 using List = std::vector<LeafUnits>;
+constexpr size_t kReadBytes = size_t{1} << 20;
+
+struct FreeHash {
+  void operator()(XXH3_state_t *state) const { XXH3_freeState(state); }
+};
 
 const unsigned char *bytes_of(const std::string &text) {
   return reinterpret_cast<const unsigned char *>(text.data());
@@ -48,6 +57,7 @@ class ImageWriter {
     directory.tag_count = vask_art_size(&tags_);
     directory.tagged_count = tagged_;
     directory.trees_hash = trees_hash;
+    if (!hash_content(directory, &directory.content_hash)) return false;
     if (vask_art_serializer_write_custom(&ser_, &directory, sizeof directory) == 0) return false;
     *counts = {directory.metric_count, directory.tag_count, tagged_, ser_.offset};
     return vask_art_serializer_finalize(&ser_, VASK_ART_SER_COMPLETE);
@@ -58,6 +68,24 @@ class ImageWriter {
     vask_art_ser_hdr header = VASK_ART_SER_HDR;
     header.version = kIndexImageVersion;
     return pwrite(ser_.fd, &header, sizeof header, 0) == ssize_t{sizeof header};
+  }
+
+  // What was written, as the file has it, and the directory but for the hash.
+  bool hash_content(const IndexDirectory &directory, uint64_t *hash) const {
+    const std::unique_ptr<XXH3_state_t, FreeHash> state(XXH3_createState());
+    if (state == nullptr || XXH3_64bits_reset(state.get()) != XXH_OK) return false;
+    std::vector<char> buffer(kReadBytes);
+    for (uint64_t at = ART_DEFAULT_OFFSET; at < ser_.offset;) {
+      const ssize_t got = pread(ser_.fd, buffer.data(), std::min<uint64_t>(buffer.size(), ser_.offset - at),
+                                static_cast<off_t>(at));
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) return false;
+      XXH3_64bits_update(state.get(), buffer.data(), static_cast<size_t>(got));
+      at += static_cast<uint64_t>(got);
+    }
+    XXH3_64bits_update(state.get(), &directory, offsetof(IndexDirectory, content_hash));
+    *hash = XXH3_64bits_digest(state.get());
+    return true;
   }
 
   bool write_tree(const vask_art_tree &tree, vask_art_value_serialize_f hook, uintptr_t *root) {

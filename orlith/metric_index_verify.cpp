@@ -1,6 +1,7 @@
 // Reads all of an index: what is in it, and whether it is sound.
 #include <fmt/format.h>
 #include <sys/mman.h>
+#include <xxhash.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -92,7 +93,18 @@ std::string MetricIndex::verify() const {
   });
   if (fault.empty()) fault = own_fault;
   if (fault.empty()) fault = count_fault("tags", tags, directory_.tag_count);
-  return !fault.empty() ? fault : count_fault("entries of lists", entries, directory_.tagged_count);
+  if (fault.empty()) fault = count_fault("entries of lists", entries, directory_.tagged_count);
+  return !fault.empty() ? fault : verify_hash();
+}
+
+// Behind the structure, which says better what is wrong.
+std::string MetricIndex::verify_hash() const {
+  const uint64_t at = image_.size() - sizeof directory_.content_hash;
+  const std::string_view hashed = image_.substr(ART_DEFAULT_OFFSET, at - ART_DEFAULT_OFFSET);
+  const uint64_t hash = XXH3_64bits(hashed.data(), hashed.size());
+  if (hash == directory_.content_hash) return "";
+  return fmt::format("hash at offset {}: found {:016x}, expected {:016x}: some byte was changed", at,
+                     directory_.content_hash, hash);
 }
 
 std::string MetricIndex::verify_list(const ImageLeaf &tag, const std::vector<LeafUnits> &leaves,

@@ -173,7 +173,7 @@ TEST_F(IndexCommands, StatsCountsNodesAndBytes) {
           "\"depth\":2," +
           nodes + "\"leaves\":{\"count\":2,\"bytes\":32},\"value_bytes\":32}}}\n");
   // All of the file is one of these.
-  EXPECT_EQ(fs::file_size(index), 8u + 56 + 136 + 88 + 56 + 32 + 32 + 64);
+  EXPECT_EQ(fs::file_size(index), 8u + 56 + 136 + 88 + 56 + 32 + 32 + 72);
 }
 
 TEST_F(IndexCommands, VerifyNamesFileAndPlace) {
@@ -181,7 +181,7 @@ TEST_F(IndexCommands, VerifyNamesFileAndPlace) {
   EXPECT_EQ(run({"index", "verify", index}), exit_fine);
   EXPECT_EQ(out, index + ": 2 metrics, 2 tags: no damage found\n");
   std::string bytes = folder.read("i.index");
-  bytes[bytes.size() - 64 + 24] = 7;
+  bytes[bytes.size() - 72 + 24] = 7;
   const std::string bad = folder.write("bad.index", bytes);
   EXPECT_EQ(run({"index", "verify", bad}), exit_damaged);
   EXPECT_EQ(err, "orlith index verify: error: " + bad + ": the directory says 7 metrics, found 2\n");

@@ -12,6 +12,7 @@
 #include "test/orlith/nnt_model.h"
 
 struct IndexModel {
+  static constexpr size_t kDirectory = 72;
   std::string bytes = std::string("ART\0\1\0\1\0", 8);
 
   // A block and its offset.
@@ -63,10 +64,11 @@ struct IndexModel {
   std::string finish(uint64_t metrics_root, uint64_t metrics, uint64_t tags_root, uint64_t tags,
                      uint64_t tagged, const std::string &trees = "60\n") {
     std::string directory = std::string("MIDX\1\0\0\0", 8);
-    put_le(directory, bytes.size() + 64, 8);
+    put_le(directory, bytes.size() + kDirectory, 8);
     for (const uint64_t word : {metrics_root, metrics, tags_root, tags, tagged}) put_le(directory, word, 8);
     put_le(directory, XXH3_64bits(trees.data(), trees.size()), 8);
-    put(directory);
+    bytes += directory;
+    put_le(bytes, XXH3_64bits(bytes.data() + 8, bytes.size() - 8), 8);
     return bytes;
   }
 };

@@ -1,6 +1,7 @@
 #include "orlith/metric_index.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -111,9 +112,31 @@ TEST_F(MetricIndexTest, TheBytesOfTwoMetrics) {
   EXPECT_EQ(written.index()->verify(), "");
 }
 
+// The worked example of doc/metric-index.md.
+TEST_F(MetricIndexTest, TheBytesOfOneMetric) {
+  static constexpr uint8_t kBytes[] = {
+      0x41, 0x52, 0x54, 0x00, 0x01, 0x00, 0x01, 0x00, 0x01, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00,
+      0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x3c, 0x00, 0x00, 0x00,
+      0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x08, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+      0x31, 0x00, 0x00, 0x00, '6',  'f',  '2',  'd',  '1',  'c',  '6',  '6',  '-',  '9',  'd',  '0',
+      'e',  '-',  '4',  'c',  '3',  '5',  '-',  '8',  'a',  '3',  '5',  '-',  '0',  '1',  '2',  '3',
+      '4',  '5',  '6',  '7',  '8',  '9',  'a',  'b',  '-',  'c',  'p',  'u',  '|',  'S',  'T',  '[',
+      'a',  ':',  '1',  ']',  0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+      0x05, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x68, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+      0x04, 0x00, 0x00, 0x00, 'a',  ':',  '1',  0x00, 'M',  'I',  'D',  'X',  0x01, 0x00, 0x00, 0x00,
+      0xd0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x29, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+      0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x79, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+      0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+      0xbf, 0xcd, 0x10, 0xfc, 0x3d, 0x66, 0xe0, 0x9d, 0x58, 0xe2, 0xe9, 0x5c, 0xe3, 0xa9, 0x2b, 0x82};
+  MetricIndexBuilder builder;
+  builder.add(kCheck + "-cpu|ST[a:1]", rollup(60));
+  const Written written(builder, XXH3_64bits("60\n", 3));
+  EXPECT_EQ(written.folder.read("index"), std::string(reinterpret_cast<const char *>(kBytes), sizeof kBytes));
+}
+
 TEST_F(MetricIndexTest, AnEmptyIndexIsAHeaderAndADirectory) {
   const Written written{MetricIndexBuilder()};
-  EXPECT_EQ(written.folder.read("index").size(), 8u + 64);
+  EXPECT_EQ(written.folder.read("index").size(), 8u + 72);
   const auto index = written.index();
   EXPECT_EQ(index->verify(), "");
   std::optional<MetricFiles> files;
@@ -221,15 +244,15 @@ TEST_F(MetricIndexTest, EncodedTagsAreFoundInAnySpelling) {
 
 TEST_F(MetricIndexTest, WhatIsNoIndexIsRefused) {
   const std::string good = one_metric_index(kCheck + "-cpu|ST[a:1]", "a:1", 60);
-  const std::string directory = "directory at offset " + std::to_string(good.size() - 64) + ": ";
+  const std::string directory = "directory at offset " + std::to_string(good.size() - 72) + ": ";
   const auto changed = [&](size_t at, char byte) {
     std::string bytes = good;
     bytes[at] = byte;
     return bytes;
   };
-  const size_t at = good.size() - 64;
+  const size_t at = good.size() - 72;
   ExitCode code = exit_fine;
-  EXPECT_EQ(fault_of_opening("", &code), "0 bytes, expected an index of 72 or more");
+  EXPECT_EQ(fault_of_opening("", &code), "0 bytes, expected an index of 80 or more");
   EXPECT_EQ(code, exit_damaged);
   EXPECT_EQ(fault_of_opening(changed(0, 'B')), "no index: it does not begin with \"ART\" and a zero byte");
   EXPECT_EQ(fault_of_opening(changed(4, 2)), "image version 2 at offset 4, expected 1");
@@ -239,7 +262,7 @@ TEST_F(MetricIndexTest, WhatIsNoIndexIsRefused) {
   EXPECT_EQ(fault_of_opening(changed(at, 'm')), directory + "does not begin with \"MIDX\"");
   EXPECT_EQ(fault_of_opening(changed(at + 4, 2)), directory + "version 2, expected 1");
   EXPECT_EQ(fault_of_opening(changed(at + 6, 1)), directory + "bytes that are not used are not zero");
-  EXPECT_EQ(fault_of_opening(good.substr(0, good.size() - 64) + std::string(8, '\0') + good.substr(at)),
+  EXPECT_EQ(fault_of_opening(good.substr(0, good.size() - 72) + std::string(8, '\0') + good.substr(at)),
             "directory at offset " + std::to_string(at + 8) + ": found a file of " +
                 std::to_string(good.size() + 8) + " bytes, expected " + std::to_string(good.size()));
   EXPECT_EQ(fault_of_opening(changed(at + 24, 0)), directory + "0 metrics, and a root at offset 41");
@@ -324,6 +347,10 @@ TEST_F(MetricIndexTest, VerifyingSaysWhatIsWrongWhere) {
             "list at offset 104: entry 1, offset 40: not behind the one before it");
   EXPECT_EQ(fault_of([](Pieces *p) { p->extra = {48}; }),
             "list at offset 104: entry 1, offset 48: no metric begins there");
+  std::string other_period = Pieces().bytes();
+  other_period[8 + 4 + 16] = 61;
+  EXPECT_THAT(fault_of_verifying(other_period),
+              testing::MatchesRegex("hash at offset 200: found .*, expected .*: some byte was changed"));
   EXPECT_EQ(fault_of([](Pieces *p) { p->metrics = 2; }), "the directory says 2 metrics, found 1");
   EXPECT_EQ(fault_of([](Pieces *p) { p->tags = 3; }), "the directory says 3 tags, found 1");
   EXPECT_EQ(fault_of([](Pieces *p) { p->tagged = 0; }), "the directory says 0 entries of lists, found 1");
@@ -436,7 +463,7 @@ TEST_F(MetricIndexTest, OpeningAGibibyteTouchesTheHeaderAndTheCellsOnTheWay) {
   std::string end = high.finish(metrics, 2, tags, 1, 2);
   std::string size;
   put_le(size, kHole + end.size(), 8);
-  end.replace(end.size() - 56, 8, size);
+  end.replace(end.size() - 64, 8, size);
 
   const TempDir folder;
   const std::string path = folder.write("index", low.bytes);
