@@ -231,6 +231,15 @@ bool scan_data_folder(const std::string &folder, MetricIndexBuilder *builder, Da
   return done;
 }
 
+bool hash_trees(const std::string &folder, uint64_t *hash, Problem *problem) {
+  Walker walker;
+  walker.on_folder = [](const struct stat &) { return false; };
+  const bool done = walker.walk(folder) || walker.stopped();
+  *hash = walker.trees_hash();
+  *problem = walker.problem();
+  return done;
+}
+
 bool index_is_current(const std::string &folder, const MetricIndex &index, bool *is_current,
                       Problem *problem) {
   Walker walker;

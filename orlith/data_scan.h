@@ -21,6 +21,9 @@ struct DataScan {
 bool scan_data_folder(const std::string &folder, MetricIndexBuilder *builder, DataScan *scan,
                       Problem *problem);
 
+// The trees' hash alone.
+bool hash_trees(const std::string &folder, uint64_t *hash, Problem *problem);
+
 // Whether the index knows what lies in the folder: no folder in it changed after the index's time stamp, as far as
 // folders tell, which is when files come and go, and not what is in them. Reads the names of trees and checks only.
 bool index_is_current(const std::string &folder, const MetricIndex &index, bool *is_current,

@@ -178,9 +178,16 @@ int run(const Options &options, Session &session) {
   if (end == IngestEnd::store_failed || end == IngestEnd::input_failed) explain_failure(ingestion, session);
   if (end == IngestEnd::interrupted)
     session.error("interrupted; " + how_to_go_on(ingestion, "; to finish, "));
+  if (const std::string &warning = ingestion.index().warning(); !warning.empty())
+    session.warning(escaped(warning));
+  const std::string &index_error = ingestion.index().error();
+  if (!index_error.empty()) {
+    session.error(fmt::format("{}; the samples are stored, and 'orlith index build' makes the index",
+                              escaped(index_error)));
+  }
   const IngestReport report = {ingestion, run_options, end, duration_s, reader.bytes_read()};
   session.settings.json ? write_summary_json(report, session) : write_summary_text(report, session);
-  return exit_code_of(end, ingestion);
+  return index_error.empty() ? exit_code_of(end, ingestion) : exit_failed;
 }
 
 Run configure(CLI::App &app) {
@@ -227,7 +234,10 @@ extern const Command ingest_command = {
         "A text has no slot: the latest of each metric is shown.\n\n"
         "Giving the same lines twice counts them twice. When writing fails, the folder is left as it was at "
         "the "
-        "last line that is stored whole, and that line is named.",
+        "last line that is stored whole, and that line is named.\n\n"
+        "The index of the folder, metrics.index, is brought up to date at the end, for 'orlith find': one "
+        "that "
+        "knew all of the folder is added to, any other is made anew.",
     .examples = {{{"orlith ingest --data data --period 60 --period 300 lines.txt",
                    "a lone node, in slots of one and of five minutes"},
                   {"orlith ingest --data data --topology cluster.xml --me all --json < lines.txt",

@@ -130,3 +130,11 @@ std::vector<const Metric *> IngestMetrics::texts() const {
   std::sort(result.begin(), result.end(), [](const Metric *a, const Metric *b) { return a->key < b->key; });
   return result;
 }
+
+std::vector<const Metric *> IngestMetrics::stored() const {
+  std::vector<const Metric *> result;
+  for (const Kind *kind : {&numeric_, &histograms_})
+    for (const auto &[key, metric] : kind->canonical)
+      if (metric->has_files) result.push_back(metric.get());
+  return result;
+}

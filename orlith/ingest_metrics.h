@@ -56,6 +56,8 @@ class IngestMetrics {
   size_t text_count() const { return texts_.canonical.size(); }
   size_t histogram_count() const { return histograms_.canonical.size(); }
   std::vector<const Metric *> texts() const;
+  // Those of which some checkpoint has written files.
+  std::vector<const Metric *> stored() const;
   // Those that have a total, in the order in which they came.
   static constexpr size_t kTotals = 10;
   const std::vector<const Metric *> &totals() const { return totals_; }

@@ -51,9 +51,12 @@ IngestRun::IngestRun(IngestOptions options)
 }
 
 bool IngestRun::open() {
-  if (store_.open(options_.data_folder)) return true;
-  error_ = store_.error();
-  return false;
+  if (!store_.open(options_.data_folder)) {
+    error_ = store_.error();
+    return false;
+  }
+  index_.look_at(options_.data_folder);
+  return true;
 }
 
 IngestEnd IngestRun::run(LineReader &reader, const std::function<void()> &tick) {
@@ -61,13 +64,34 @@ IngestEnd IngestRun::run(LineReader &reader, const std::function<void()> &tick) 
     tick();
     return !pipe_checkpoint_is_due(reader) || checkpoint();
   });
+  // A disk that took no samples takes no index either: the next run sees that the folder is ahead of it.
   if (!take_all(reader, tick) || (taken_up_to_.file != nullptr && !checkpoint()))
     return IngestEnd::store_failed;
+  update_index();
   if (!reader.error().empty()) {
     error_ = reader.error();
     return IngestEnd::input_failed;
   }
   return interrupted() ? IngestEnd::interrupted : IngestEnd::complete;
+}
+
+void IngestRun::update_index() {
+  IngestIndex::Stored stored;
+  for (const Metric *metric : metrics_.stored()) {
+    MetricFiles files;
+    for (const size_t owner : metric->my_owners) {
+      MetricPlace place;
+      place.below_node = options_.folder_per_node;
+      if (place.below_node) memcpy(place.node.data(), options_.topology->hc[owner].id, place.node.size());
+      place.kinds = metric->kind == MetricKind::histogram ? kind_histograms : kind_rollup;
+      for (const uint32_t period_s : options_.periods_s) {
+        place.period_s = period_s;
+        add_place(&files, place);
+      }
+    }
+    stored.emplace_back(metric->key, std::move(files));
+  }
+  index_.update(stored);
 }
 
 bool IngestRun::take_all(LineReader &reader, const std::function<void()> &tick) {

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "orlith/ingest_index.h"
 #include "orlith/ingest_metrics.h"
 #include "orlith/ingest_refusal.h"
 #include "orlith/line_reader.h"
@@ -77,12 +78,15 @@ class IngestRun {
   const IngestTotals &totals() const { return totals_; }
   const IngestMetrics &metrics() const { return metrics_; }
   const RollupStore &store() const { return store_; }
+  // Brought up to date at the end of run(), unless the store failed.
+  const IngestIndex &index() const { return index_; }
   const std::string &error() const { return error_; }
   // Everything up to here is on the disk, nothing after it; no file: nothing at all.
   const InputPosition &stored_up_to() const { return stored_up_to_; }
 
  private:
   bool lies_too_far_ahead(uint64_t whence_ms);
+  void update_index();
   bool take_all(LineReader &reader, const std::function<void()> &tick);
   bool pipe_checkpoint_is_due(const LineReader &reader);
   bool checkpoint_is_due(const LineReader &reader);
@@ -104,6 +108,7 @@ class IngestRun {
   IngestOptions options_;
   IngestMetrics metrics_;
   RollupStore store_;
+  IngestIndex index_;
   IngestTotals totals_;
   std::vector<Metric *> dirty_;
   size_t open_slots_ = 0;

@@ -446,7 +446,9 @@ TEST_F(IngestHistograms, EveryFailingCallLeavesTheFolderAsItWasOrAsItWasToBe) {
       }
       if (!hit) break;
       if (code != 0) ++failures;
-      expect_folder_holds(data(), model_of(code == 0 ? both : first, {60}));
+      // The index comes behind the samples, and says so when it fails.
+      const bool is_stored = code == 0 || err().find("the samples are stored") != std::string::npos;
+      expect_folder_holds(data(), model_of(is_stored ? both : first, {60}));
       if (HasFailure()) return;
     }
   }
