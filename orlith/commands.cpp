@@ -16,6 +16,7 @@
   X(nnt_verify)            \
   X(pack)                  \
   X(unpack)                \
+  X(find)                  \
   X(index_build)           \
   X(index_get)             \
   X(index_prefix)          \
