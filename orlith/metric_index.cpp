@@ -15,12 +15,17 @@
 namespace {
 
 bool read_at(int fd, void *bytes, size_t len, uint64_t offset) {
-  ssize_t got;
-  do {
-    got = pread(fd, bytes, len, static_cast<off_t>(offset));
-  } while (got < 0 && errno == EINTR);
-  if (got >= 0 && static_cast<size_t>(got) != len) errno = EIO;  // became shorter meanwhile
-  return got == static_cast<ssize_t>(len);
+  auto *at = static_cast<char *>(bytes);
+  while (len > 0) {
+    const ssize_t got = pread(fd, at, len, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got == 0) errno = EIO;  // became shorter meanwhile
+    if (got <= 0) return false;
+    at += got;
+    len -= static_cast<size_t>(got);
+    offset += static_cast<uint64_t>(got);
+  }
+  return true;
 }
 
 std::string header_fault(const vask_art_ser_hdr &header) {

@@ -67,7 +67,14 @@ class ImageWriter {
   bool write_header() {
     vask_art_ser_hdr header = VASK_ART_SER_HDR;
     header.version = kIndexImageVersion;
-    return pwrite(ser_.fd, &header, sizeof header, 0) == ssize_t{sizeof header};
+    const auto *bytes = reinterpret_cast<const char *>(&header);
+    for (size_t at = 0; at < sizeof header;) {
+      const ssize_t put = pwrite(ser_.fd, bytes + at, sizeof header - at, static_cast<off_t>(at));
+      if (put < 0 && errno == EINTR) continue;
+      if (put <= 0) return false;
+      at += static_cast<size_t>(put);
+    }
+    return true;
   }
 
   // What was written, as the file has it, and the directory but for the hash.

@@ -28,8 +28,8 @@ class MetricIndexBuilder {
   struct Counts {
     uint64_t metrics = 0, tags = 0, tagged = 0, bytes = 0;
   };
-  // Writes the index into an empty file that can be read, too; `trees_hash` as in data_scan.h. 0, or an errno, EFBIG for more than 32 GiB;
-  // then what was written is of no use.
+  // Writes the index into an empty file that can be read, too; `trees_hash` as in data_scan.h. 0, or an errno, EFBIG
+  // for more than 32 GiB; then what was written is of no use.
   int write(int fd, uint64_t trees_hash, Counts *counts) const;
 
  private:
