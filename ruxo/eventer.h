@@ -1,25 +1,96 @@
-/* Events and the names of their callbacks. */
+/* The event loop: descriptors, timers, job queues, and the names of their callbacks.
+ *
+ * A process has one set of loop threads, started by eventer_start(). Every event belongs to one of them, its owner, and
+ * its callback runs there, one call at a time; so what an owner's callbacks share among themselves needs no lock.
+ * Work that blocks goes to a job queue, whose worker threads run it; the completion then runs on the owner.
+ *
+ * An event is made by one of the eventer_alloc_ calls, is its maker's until it is added, and the loop's from then on.
+ * It ends, and is freed by the loop, when its callback returns 0 (a timer always ends after its call); an event that
+ * was taken out with eventer_remove_fd() or eventer_remove_timer() is the taker's again, who adds it once more or frees
+ * it. Ending an event closes no descriptor.
+ *
+ * Unless a function says otherwise it may be called from any thread. Nothing here needs the loop to run before
+ * eventer_start(): what is added earlier waits for it. */
 #ifndef RUXO_EVENTER_H
 #define RUXO_EVENTER_H
 
+#include <pthread.h>
 #include <sys/time.h>
 
 #include "ruxo/base.h"
 
 RUXO_BEGIN_DECLS
 
-/* What an event waits for, and what its callback is told has happened. */
+/* What an event waits for, and what its callback is told has happened. EXCEPTION also stands for a descriptor that
+ * failed or was hung up. */
 #define EVENTER_READ 0x01
 #define EVENTER_WRITE 0x02
 #define EVENTER_EXCEPTION 0x04
 #define EVENTER_TIMER 0x08
+/* The phases of a job: WORK on a worker thread; COMPLETE on the owner, with WORK done; CANCEL instead of both, on the
+ * owner or on the thread that stops the loop, when the queue was closed before the work began. A job's closure is
+ * released in COMPLETE or in CANCEL. */
 #define EVENTER_ASYNCH_WORK 0x10
 #define EVENTER_ASYNCH_COMPLETE 0x20
+#define EVENTER_ASYNCH_CANCEL 0x40
 
 typedef struct ruxo_event *eventer_t;
+typedef struct ruxo_jobq eventer_jobq_t;
+
 /* A callback: `mask` of the above is what happened, `closure` is the event's own, `now` the time of the call.
- * It returns the mask to wait for next, 0 when the event is done. */
+ * It returns the mask to wait for next, 0 when the event is done (a job returns anything; it is done after COMPLETE,
+ * or after a WORK that called eventer_set_mask(e, 0), which gives the completion up). No exception may leave it. */
 typedef int (*eventer_func_t)(eventer_t e, int mask, void *closure, struct timeval *now);
+
+/* ---- Loop threads ---- */
+
+/* Starts `threads` loop threads (1 to 256). 0; -1 when they run already, the number is out of range, or a thread could
+ * not be made (then none is left running). SIGPIPE is ignored from then on. */
+RUXO_EXPORT int eventer_start(unsigned threads);
+
+/* Stops: closes every job queue (work that has begun is waited for, and completed; what has not begun is cancelled),
+ * ends the loop threads, and frees the events still registered without calling them; their descriptors and closures
+ * are the host's. Returns when no callback runs any more. Not from a loop or worker thread. May be started again. */
+RUXO_EXPORT void eventer_stop(void);
+
+/* The number of loop threads, 0 before eventer_start(); and the thread at `index` (modulo that number). */
+RUXO_EXPORT unsigned eventer_loop_count(void);
+RUXO_EXPORT pthread_t eventer_choose_owner(unsigned index);
+
+/* Whether the calling thread is the loop thread that owns the event. */
+RUXO_EXPORT ruxo_boolean eventer_is_owner(eventer_t e);
+
+/* ---- Events ---- */
+
+/* New events; null when memory ran out. `owner` is the calling thread where that is a loop thread, else one of the
+ * loop threads in turn, chosen when it is added. Descriptors must be non-blocking; the event does not own its own. */
+RUXO_EXPORT eventer_t eventer_alloc_fd(eventer_func_t function, void *closure, int fd, int mask);
+/* Runs once, at the wall-clock time *when or as soon after as the loop can; a set-back of the clock does not delay it. */
+RUXO_EXPORT eventer_t eventer_alloc_timer(eventer_func_t function, void *closure, const struct timeval *when);
+/* A job, for eventer_add_asynch(). */
+RUXO_EXPORT eventer_t eventer_alloc_asynch(eventer_func_t function, void *closure);
+
+/* Hands a descriptor or timer event to the loop. 0; -1 when the descriptor cannot be watched (errno tells why), the
+ * event waits for nothing, or it is registered already: then it stays the caller's. */
+RUXO_EXPORT int eventer_add(eventer_t e);
+
+/* A timer `seconds` and `microseconds` from now (microseconds from 1,000,000 on are carried), made and added. Null
+ * when memory ran out. */
+RUXO_EXPORT eventer_t eventer_add_in_s_us(eventer_func_t function, void *closure, unsigned long seconds,
+                                          unsigned long microseconds);
+
+/* Takes an event out of the loop and gives it to the caller; null when there is none. On the owner's thread the
+ * callback does not run again; from another thread the call waits for one that is running. */
+RUXO_EXPORT eventer_t eventer_remove_fd(int fd);
+RUXO_EXPORT eventer_t eventer_remove_timer(eventer_t e);
+
+/* Changes what a registered descriptor event waits for (`mask` not 0) as if its callback had returned it. */
+RUXO_EXPORT void eventer_update(eventer_t e, int mask);
+
+/* Calls the event's callback once on its owner, soon, with `mask`, as if that had happened. */
+RUXO_EXPORT void eventer_wakeup(eventer_t e, int mask);
+
+/* ---- Names of callbacks ---- */
 
 /* Makes `function` known as `name`, so that jobs and configuration can refer to it. The name is copied; names
  * are never forgotten. A function may have several names and is called by the first. Registering the same
@@ -34,15 +105,44 @@ RUXO_EXPORT eventer_func_t eventer_callback_for_name(const char *name);
  * thread. */
 RUXO_EXPORT const char *eventer_name_for_callback(eventer_func_t function);
 
-/* A new event with mask 0, owned by the caller, who frees it; null when memory ran out. Any thread. */
+/* A new event that waits for nothing and has no callback, owned by the caller; null when memory ran out. What job
+ * callbacks are tested with. */
 RUXO_EXPORT eventer_t eventer_alloc(void);
 
 /* Frees an event that is not registered anywhere; null is ignored. */
 RUXO_EXPORT void eventer_free(eventer_t e);
 
-/* Sets or reads what the event waits for. One thread at a time for one event. */
+/* What the event waits for, its descriptor (-1 for none), its closure and its owner. Set them while the event is not
+ * registered, or from its own callback. */
 RUXO_EXPORT void eventer_set_mask(eventer_t e, int mask);
 RUXO_EXPORT int eventer_get_mask(eventer_t e);
+RUXO_EXPORT int eventer_get_fd(eventer_t e);
+RUXO_EXPORT void *eventer_get_closure(eventer_t e);
+RUXO_EXPORT void eventer_set_owner(eventer_t e, pthread_t owner);
+RUXO_EXPORT pthread_t eventer_get_owner(eventer_t e);
+
+/* ---- Job queues ---- */
+
+/* A queue with its own `threads` worker threads (1 to 1024), which start with the first job; work begins in the order
+ * added. `name` is copied, and is what the workers are called and the statistics know it by. Null for a number out of
+ * range, for a name in use, or without memory. Queues work without loop threads: the completion then runs on the
+ * worker. */
+RUXO_EXPORT eventer_jobq_t *eventer_jobq_create(const char *name, unsigned threads);
+
+/* The queue of that name; null when there is none. */
+RUXO_EXPORT eventer_jobq_t *eventer_jobq_by_name(const char *name);
+
+/* Hands a job over. Null stands for the queue "default", which has one worker for each processor. To a closed queue
+ * the job is cancelled at once. */
+RUXO_EXPORT void eventer_add_asynch(eventer_jobq_t *queue, eventer_t e);
+
+/* Jobs that wait for a worker, and jobs that run. */
+RUXO_EXPORT size_t eventer_jobq_backlog(const eventer_jobq_t *queue);
+RUXO_EXPORT size_t eventer_jobq_inflight(const eventer_jobq_t *queue);
+
+/* Closes the queue: waits for the work that runs and for its completions, cancels what waits, ends the workers, frees
+ * the queue. Not from one of its own workers. */
+RUXO_EXPORT void eventer_jobq_destroy(eventer_jobq_t *queue);
 
 RUXO_END_DECLS
 
