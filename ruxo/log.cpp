@@ -21,6 +21,7 @@ using ruxo::OutletList;
 using ruxo::Stream;
 
 constinit Stream error_stream{"error", true};
+constinit Stream notice_stream{"notice", true};
 constinit Stream debug_stream{"debug", false};
 constinit std::atomic<bool> global_enabled{false};
 
@@ -32,8 +33,9 @@ using Registry = std::map<std::string, Stream *, std::less<>>;
 
 // Under log_lock().
 Registry &registry() {
-  static Registry *const instance =
-      new Registry{{error_stream.name, &error_stream}, {debug_stream.name, &debug_stream}};
+  static Registry *const instance = new Registry{{error_stream.name, &error_stream},
+                                                 {notice_stream.name, &notice_stream},
+                                                 {debug_stream.name, &debug_stream}};
   return *instance;
 }
 
@@ -66,6 +68,7 @@ void set_enabled(ruxo_log_stream_t ls, bool enabled) {
 }  // namespace
 
 ruxo_log_stream_t ruxo_error = &error_stream;
+ruxo_log_stream_t ruxo_notice = &notice_stream;
 ruxo_log_stream_t ruxo_debug = &debug_stream;
 
 ruxo_log_stream_t ruxo_log_stream_new(const char *name) {

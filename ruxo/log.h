@@ -33,9 +33,10 @@ typedef struct ruxo_log_stream *ruxo_log_stream_t;
 /* Where lines go; shared by any number of streams. */
 typedef struct ruxo_log_outlet *ruxo_log_outlet_t;
 
-/* The global streams "error" (to standard error, enabled) and "debug" (no outlet, so off). A host may replace
- * either, or set it to null, before other threads log. */
+/* The global streams "error" and "notice" (to standard error, enabled) and "debug" (no outlet, so off). A host may
+ * replace each, or set it to null, before other threads log. */
 RUXO_EXPORT extern ruxo_log_stream_t ruxo_error;
+RUXO_EXPORT extern ruxo_log_stream_t ruxo_notice;
 RUXO_EXPORT extern ruxo_log_stream_t ruxo_debug;
 
 /* Non-zero while liveness may come from elsewhere than the stream: one for the global switch, and one for

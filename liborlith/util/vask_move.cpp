@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -16,6 +18,9 @@ ruxo_log_stream_t vask_move_debug_ls = nullptr;
 ruxo_log_stream_t vask_move_error_ls = nullptr;
 
 namespace {
+
+// A write of this many bytes amortises the call, and leaves the processor's cache its next pages.
+constexpr size_t kPieceBytes = size_t{1} << 20;
 
 // Repeats a system call for as long as a signal interrupts it.
 template <typename Call>
@@ -87,6 +92,7 @@ class CrossFsRename {
     const size_t size = static_cast<size_t>(src_stat_.st_size);
     void *bytes = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, src_fd_, 0);
     if (bytes == MAP_FAILED) return failed("error on mmap");
+    madvise(bytes, size, MADV_SEQUENTIAL);
     const bool done = write_all(static_cast<const char *>(bytes), size) && finish_source(unlink_source);
     const int reason = errno;
     ruxo_log(vask_move_debug_ls, "_cross_fs_rename: about to unmap memory for source file %s\n", src_);
@@ -99,7 +105,8 @@ class CrossFsRename {
     ruxo_log(vask_move_debug_ls, "_cross_fs_rename: about to copy source file to destination file: %s->%s\n",
              src_, dest_);
     for (size_t position = 0; position < size;) {
-      const size_t rest = size - position;
+      const size_t rest = std::min(size - position, kPieceBytes);
+      map_pages(bytes + position, rest);
       const ssize_t written = write(dest_fd_, bytes + position, rest);
       if (written < 0 && (errno == EINTR || errno == EAGAIN)) continue;
       if (written > 0 && static_cast<size_t>(written) <= rest) {
@@ -115,6 +122,18 @@ class CrossFsRename {
       return failed("error writing to destination file");
     }
     return true;
+  }
+
+  // Maps the pages of a piece in one call instead of a fault for every few of them, where the kernel knows how
+  // (Linux 5.14); the write works without.
+  static void map_pages(const char *bytes, size_t size) noexcept {
+#ifdef MADV_POPULATE_READ
+    const int reason = errno;
+    const auto address = reinterpret_cast<uintptr_t>(bytes) & ~uintptr_t{4095};
+    madvise(reinterpret_cast<void *>(address), reinterpret_cast<uintptr_t>(bytes) + size - address,
+            MADV_POPULATE_READ);
+    errno = reason;
+#endif
   }
 
   bool finish_source(ruxo_boolean unlink_source) noexcept {

@@ -32,6 +32,8 @@ void call_join(void);
 void call_art_tree(void);
 void call_art_image(void);
 void call_vask_move(void);
+void call_http_header_parse(void);
+void call_fs_helpers(void);
 void call_cfssz(void);
 void call_metric_locator(void);
 void call_histogram_line(void);

@@ -57,6 +57,8 @@ int main(void) {
   call_art_tree();
   call_art_image();
   call_vask_move();
+  call_http_header_parse();
+  call_fs_helpers();
   call_cfssz();
   call_metric_locator();
   call_histogram_line();

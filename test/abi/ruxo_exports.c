@@ -276,7 +276,7 @@ static void call_span(ruxo_log_stream_t ls) {
 
 void call_ruxo_log(void) {
   ruxo_log_stream_t ls = ruxo_log_stream_new("abi/log");
-  CHECK(ruxo_error != NULL && ruxo_debug != NULL && ls != NULL);
+  CHECK(ruxo_error != NULL && ruxo_notice != NULL && ruxo_debug != NULL && ls != NULL);
   CHECK(ruxo_log_outlet_stderr(ruxo_false) != NULL);
   call_streams(ls, ruxo_log_outlet_memory());
   call_span(ls);

@@ -1,10 +1,13 @@
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
+#include "liborlith/fs_helpers/fs_helpers.h"
 #include "liborlith/liborlith_init.h"
 #include "liborlith/util/cfssz.h"
 #include "liborlith/util/go_asynch.h"
+#include "liborlith/util/http_header_parse.h"
 #include "liborlith/util/join.h"
 #include "liborlith/util/liborlith_hooks.h"
 #include "liborlith/util/metric_name.h"
@@ -187,6 +190,31 @@ void call_vask_move(void) {
   CHECK(vask_asynch_unlink(job, EVENTER_ASYNCH_WORK, abi_copy("moved again"), &now) == 0);
   CHECK(stat("moved again", &status) != 0);
   eventer_free(job);
+}
+
+static void see_header(char *key, char *value, void *closure) {
+  CHECK(strcmp(key, "content-type") == 0 && strcmp(value, "text/plain") == 0);
+  ++*(int *)closure;
+}
+
+void call_http_header_parse(void) {
+  char line[] = "Content-Type: text/plain\r\n";
+  int seen = 0;
+  http_header_parse_ctx_t *ctx = malloc(sizeof *ctx);
+  if (ctx == NULL) abort();
+  http_header_parse_ctx_init(ctx, see_header, &seen);
+  http_header_parse_ctx_reset(ctx);
+  CHECK(http_header_parse(line, 1, sizeof line - 1, ctx) == sizeof line - 1 && seen == 1);
+  free(ctx);
+}
+
+void call_fs_helpers(void) {
+  uint64_t fsid = 0, total = 0, avail = 0;
+  double ratio = 0;
+  CHECK(fs_get_avail(".", &fsid, &total, &avail, &ratio) == 0.0 && total > 0 && avail <= total &&
+        ratio >= 1.0);
+  zfsinfo_dlopen(".", &total, &avail, &ratio);
+  CHECK(total > 0);
 }
 
 struct abi_sample {

@@ -67,13 +67,16 @@ TEST(Log, LinesOfStaticObjectsBeforeAndAfterMainAreWritten) {
 
 TEST(Log, TheGlobalStreamsHaveNames) {
   EXPECT_STREQ(ruxo_log_stream_name(ruxo_error), "error");
+  EXPECT_STREQ(ruxo_log_stream_name(ruxo_notice), "notice");
   EXPECT_STREQ(ruxo_log_stream_name(ruxo_debug), "debug");
   EXPECT_EQ(ruxo_log_stream_find("error"), ruxo_error);
+  EXPECT_EQ(ruxo_log_stream_find("notice"), ruxo_notice);
   EXPECT_EQ(ruxo_log_stream_find("debug"), ruxo_debug);
 }
 
-TEST(Log, ErrorHasMaterialOutputAndDebugHasNone) {
+TEST(Log, ErrorAndNoticeHaveMaterialOutputAndDebugHasNone) {
   EXPECT_TRUE(ruxo_log_has_material_output(ruxo_error));
+  EXPECT_TRUE(ruxo_log_has_material_output(ruxo_notice));
   EXPECT_FALSE(ruxo_log_has_material_output(ruxo_debug));
   EXPECT_FALSE(ruxo_log_has_material_output(nullptr));
 }
