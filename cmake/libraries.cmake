@@ -10,6 +10,16 @@ pkg_check_modules(CK REQUIRED IMPORTED_TARGET ck)
 pkg_check_modules(XXHASH REQUIRED IMPORTED_TARGET libxxhash)
 pkg_check_modules(LZ4 REQUIRED IMPORTED_TARGET liblz4)
 pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
+# Headers only, in the compiler's own search path: asked by compiling, because the CMake package that would be found
+# is the distribution's default version, which is too old.
+include(CheckCXXSourceCompiles)
+check_cxx_source_compiles("#include <boost/version.hpp>
+  static_assert(BOOST_VERSION >= 108100, \"\");
+  int main() { return 0; }" ORLITH_BOOST_IS_NEW_ENOUGH)
+if(NOT ORLITH_BOOST_IS_NEW_ENOUGH)
+  unset(ORLITH_BOOST_IS_NEW_ENOUGH CACHE)  # the next run asks again
+  message(FATAL_ERROR "Boost 1.81 or later is missing: script/bootstrap installs it (libboost1.81-dev)")
+endif()
 
 # orlith_library(NAME SOURCES ... PUBLIC ... PRIVATE ...)
 # The objects are compiled once, position independent, and make two libraries: the shared NAME with a
