@@ -46,16 +46,11 @@ RUXO_EXPORT ruxo_http_server_t *ruxo_http_server_new(const ruxo_http_limits_t *l
  * of the body, and with COMPLETE when all has been read; or with ABORTED, after any of these, when the connection was
  * lost or the request refused before the response was ended: then it releases what it keeps, and touches the session
  * no more. A handler that only answers can look for COMPLETE and ignore the rest. */
-typedef enum {
-  RUXO_HTTP_HEAD,
-  RUXO_HTTP_BODY,
-  RUXO_HTTP_COMPLETE,
-  RUXO_HTTP_ABORTED
-} ruxo_http_phase_t;
+typedef enum { RUXO_HTTP_HEAD, RUXO_HTTP_BODY, RUXO_HTTP_COMPLETE, RUXO_HTTP_ABORTED } ruxo_http_phase_t;
 /* `bytes` is the piece of the body (null but for BODY). Returns 0; anything else closes the connection, after a 500
  * when no byte of a response has left. */
-typedef int (*ruxo_http_handler_f)(ruxo_http_session_ctx *ctx, ruxo_http_phase_t phase, const void *bytes, size_t len,
-                                   void *closure);
+typedef int (*ruxo_http_handler_f)(ruxo_http_session_ctx *ctx, ruxo_http_phase_t phase, const void *bytes,
+                                   size_t len, void *closure);
 
 /* Makes `handler` answer `method` ("GET" also answers HEAD, whose body is dropped) on the path `path`, or, when that
  * ends in '/', on all paths that begin with it; the longest match counts. `max_body` 0 means the server's limit. A path
@@ -66,12 +61,13 @@ RUXO_EXPORT int ruxo_http_server_route(ruxo_http_server_t *server, const char *m
 
 /* Answers over TLS (1.2 and later) from now on, with a certificate chain and a key in PEM files. 0; -1 and *err (the
  * caller frees it) when they do not load or do not belong together. Before listening. */
-RUXO_EXPORT int ruxo_http_server_tls(ruxo_http_server_t *server, const char *certificate_file, const char *key_file,
-                                     char **err);
+RUXO_EXPORT int ruxo_http_server_tls(ruxo_http_server_t *server, const char *certificate_file,
+                                     const char *key_file, char **err);
 
 /* Listens on an IPv4 or IPv6 address; port 0 takes a free one. Returns the port; -1 and *err (the caller frees it).
  * Several addresses are fine. Connections are spread over the loop threads. */
-RUXO_EXPORT int ruxo_http_server_listen(ruxo_http_server_t *server, const char *address, uint16_t port, char **err);
+RUXO_EXPORT int ruxo_http_server_listen(ruxo_http_server_t *server, const char *address, uint16_t port,
+                                        char **err);
 
 /* Stops: listens no more, closes idle connections, lets requests that have begun finish (their responses say
  * "Connection: close") for up to `grace_ms` milliseconds, then closes what is left, and frees the server. Returns the
@@ -109,21 +105,23 @@ RUXO_EXPORT void *ruxo_http_session_closure(const ruxo_http_session_ctx *ctx);
 
 RUXO_EXPORT void ruxo_http_response_status(ruxo_http_session_ctx *ctx, int status);
 /* False, and nothing is added, for a name or value that is not allowed in a header, and without memory. */
-RUXO_EXPORT ruxo_boolean ruxo_http_response_header(ruxo_http_session_ctx *ctx, const char *name, const char *value);
+RUXO_EXPORT ruxo_boolean ruxo_http_response_header(ruxo_http_session_ctx *ctx, const char *name,
+                                                   const char *value);
 /* Copies the bytes. */
 RUXO_EXPORT ruxo_boolean ruxo_http_response_append(ruxo_http_session_ctx *ctx, const void *bytes, size_t len);
 /* Appends `len` bytes of the file `fd` from `offset` (any) on, which go to the client without passing through user
  * memory where the kernel can do that (not under TLS). `flags` are mmap(2)'s, for where they are mapped instead. The
  * descriptor is duplicated, so the caller may close his. A file that becomes shorter meanwhile closes the connection,
  * so that the client sees a short answer as what it is. False for a bad descriptor, a length of 0, or without memory. */
-RUXO_EXPORT ruxo_boolean ruxo_http_response_append_mmap_from_fd(ruxo_http_session_ctx *ctx, int fd, size_t len, int flags,
-                                                                off_t offset);
+RUXO_EXPORT ruxo_boolean ruxo_http_response_append_mmap_from_fd(ruxo_http_session_ctx *ctx, int fd,
+                                                                size_t len, int flags, off_t offset);
 /* Ends the response; the session must not be used any more. On the connection's loop thread, or after a float (below)
  * on any thread. Headers that say how long the response is and how it ends are the server's own. */
 RUXO_EXPORT void ruxo_http_response_end(ruxo_http_session_ctx *ctx);
 
 /* A complete small answer: status, type and text; then ends. */
-RUXO_EXPORT void ruxo_http_respond(ruxo_http_session_ctx *ctx, int status, const char *content_type, const char *text);
+RUXO_EXPORT void ruxo_http_respond(ruxo_http_session_ctx *ctx, int status, const char *content_type,
+                                   const char *text);
 
 /* ---- Taking a connection off its loop ----
  * From its handler, in HEAD (for a request without a body) or COMPLETE, a host may float the connection: nothing of it
