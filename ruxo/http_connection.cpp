@@ -62,10 +62,16 @@ void InputBuffer::shrink() {
 
 // ---- Coming and going ----
 
-ruxo_http_connection::ruxo_http_connection(ruxo_http_server &server, ruxo::http::Lane &lane, int fd, std::string peer,
-                                           bool over_limit)
-    : server_(server), lane_(lane), fd_(fd), peer_(std::move(peer)), over_limit_(over_limit), parser_(server.limits) {
-  transport_ = server.tls != nullptr ? ruxo::http::tls_transport(server.tls.get(), fd) : ruxo::http::plain_transport(fd);
+ruxo_http_connection::ruxo_http_connection(ruxo_http_server &server, ruxo::http::Lane &lane, int fd,
+                                           std::string peer, bool over_limit)
+    : server_(server),
+      lane_(lane),
+      fd_(fd),
+      peer_(std::move(peer)),
+      over_limit_(over_limit),
+      parser_(server.limits) {
+  transport_ = server.tls != nullptr ? ruxo::http::tls_transport(server.tls.get(), fd)
+                                     : ruxo::http::plain_transport(fd);
   if (transport_ == nullptr) throw std::bad_alloc();
   session_.connection = this;
   session_.request = &parser_.request;
@@ -95,7 +101,8 @@ void ruxo_http_connection::destroy(bool loop_runs) {
   lane_.remove(this);
   const eventer_t registered = eventer_remove_fd(fd_);
   close(fd_);
-  if (registered != nullptr || loop_runs) eventer_free(event_);  // what the loop had when it ended, it has freed
+  if (registered != nullptr || loop_runs)
+    eventer_free(event_);  // what the loop had when it ended, it has freed
   ruxo_http_server &server = server_;
   const bool over_limit = over_limit_;
   delete this;
@@ -227,7 +234,8 @@ int ruxo_http_connection::on_head() {
   message_done_ = !request.has_body();
   session_.route = server_.find_route(request.at(request.method), request.at(request.path));
   if (session_.route == nullptr) return answer_unrouted();
-  const uint64_t max_body = session_.route->max_body != 0 ? session_.route->max_body : server_.limits.max_body;
+  const uint64_t max_body =
+      session_.route->max_body != 0 ? session_.route->max_body : server_.limits.max_body;
   if (request.content_length > 0 && static_cast<uint64_t>(request.content_length) > max_body) {
     session_.route = nullptr;  // who has not heard of a session does not hear of its end
     return refuse({413, "the body is too long"});
@@ -267,8 +275,8 @@ int ruxo_http_connection::on_complete() {
 int ruxo_http_connection::call_handler(ruxo_http_phase_t phase_of_session, std::string_view bytes) {
   const ruxo::http::Route &route = *session_.route;
   const bool is_body = phase_of_session == RUXO_HTTP_BODY;
-  const int result =
-      route.handler(&session_, phase_of_session, is_body ? bytes.data() : nullptr, bytes.size(), route.closure);
+  const int result = route.handler(&session_, phase_of_session, is_body ? bytes.data() : nullptr,
+                                   bytes.size(), route.closure);
   if (state_ == State::floating) return EVENTER_WRITE;
   if (result != 0) {
     session_.route = nullptr;  // it knows
@@ -385,7 +393,8 @@ void ruxo_http_connection::on_deadline() {
 int ruxo_http_connection::too_slow() {
   if (phase == Phase::head) return refuse({408, "the header took too long"});
   if (phase == Phase::body) return refuse({408, "the body took too long"});
-  if (phase == Phase::write) ruxo_log(ruxo::http::error_log(), "http: %s: does not take its response\n", peer());
+  if (phase == Phase::write)
+    ruxo_log(ruxo::http::error_log(), "http: %s: does not take its response\n", peer());
   return lost();
 }
 

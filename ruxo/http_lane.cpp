@@ -117,9 +117,9 @@ const char *Lane::date() {
   struct tm t;
   gmtime_r(&now.tv_sec, &t);
   snprintf(date_, sizeof date_, "%s, %02u %s %04u %02u:%02u:%02u GMT", kDays[t.tm_wday % 7],
-           static_cast<unsigned>(t.tm_mday) % 100, kMonths[t.tm_mon % 12], static_cast<unsigned>(t.tm_year + 1900) % 10000,
-           static_cast<unsigned>(t.tm_hour) % 100, static_cast<unsigned>(t.tm_min) % 100,
-           static_cast<unsigned>(t.tm_sec) % 100);
+           static_cast<unsigned>(t.tm_mday) % 100, kMonths[t.tm_mon % 12],
+           static_cast<unsigned>(t.tm_year + 1900) % 10000, static_cast<unsigned>(t.tm_hour) % 100,
+           static_cast<unsigned>(t.tm_min) % 100, static_cast<unsigned>(t.tm_sec) % 100);
   date_second_ = now.tv_sec;
   return date_;
 }

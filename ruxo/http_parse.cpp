@@ -9,8 +9,8 @@
 #include "ruxo/http_private.h"
 
 namespace http = boost::beast::http;
-using boost::beast::iequals;
 using boost::beast::error_code;
+using boost::beast::iequals;
 using Piece = boost::beast::string_view;
 
 namespace {
@@ -77,9 +77,12 @@ class ruxo::http::RequestParser::Policy final : public ::http::basic_parser<true
     if (target == "*") {
       if (method != "OPTIONS") return false;
     } else if (target.front() != '/') {
-      const size_t scheme = iequals(target.substr(0, 7), "http://") ? 7 : iequals(target.substr(0, 8), "https://") ? 8 : 0;
+      const size_t scheme = iequals(target.substr(0, 7), "http://")    ? 7
+                            : iequals(target.substr(0, 8), "https://") ? 8
+                                                                       : 0;
       const size_t host_end = std::min(target.find_first_of("/?", scheme), target.size());
-      if (scheme == 0 || host_end == scheme || !is_host(target.substr(scheme, host_end - scheme))) return false;
+      if (scheme == 0 || host_end == scheme || !is_host(target.substr(scheme, host_end - scheme)))
+        return false;
       target.remove_prefix(host_end);
     }
     Request &request = owner_.request;
@@ -93,7 +96,8 @@ class ruxo::http::RequestParser::Policy final : public ::http::basic_parser<true
   // A value that was put together from several lines is not where it was read.
   bool is_folded(std::string_view name, std::string_view value) const {
     const char *const name_end = name.data() + name.size();
-    if (std::less<>()(value.data(), name_end) || std::less<>()(input_.data() + input_.size(), value.data())) return true;
+    if (std::less<>()(value.data(), name_end) || std::less<>()(input_.data() + input_.size(), value.data()))
+      return true;
     return memchr(name_end, '\n', static_cast<size_t>(value.data() - name_end)) != nullptr;
   }
 
@@ -138,7 +142,8 @@ class ruxo::http::RequestParser::Policy final : public ::http::basic_parser<true
     has_encoding_ = true;
     if (iequals(Piece(value.data(), value.size()), "chunked")) return;
     // After any coding but a last "chunked" nobody knows where the body ends.
-    if (lists_chunked(value) && !chunked()) return refuse(400, "the Transfer-Encoding field is not valid", ec);
+    if (lists_chunked(value) && !chunked())
+      return refuse(400, "the Transfer-Encoding field is not valid", ec);
     refuse(501, "an unknown transfer coding", ec);
   }
 
@@ -183,7 +188,8 @@ struct ruxo::http::RequestParser::State {
 
 namespace ruxo::http {
 
-RequestParser::RequestParser(const ruxo_http_limits_t &limits) : limits_(limits), state_(std::make_unique<State>()) {
+RequestParser::RequestParser(const ruxo_http_limits_t &limits)
+    : limits_(limits), state_(std::make_unique<State>()) {
   begin();
 }
 RequestParser::~RequestParser() = default;
@@ -234,8 +240,8 @@ RequestParser::Step RequestParser::head_step(std::string_view *input) {
   input->remove_prefix(used);
   if (refusal.status != 0) return Step::refused;
   if (ec && ec != ::http::error::need_more) {
-    const Refusal found = ec == ::http::error::bad_version ? meaning_of_fault(line)
-                                                          : Refusal{400, "the request is malformed"};
+    const Refusal found =
+        ec == ::http::error::bad_version ? meaning_of_fault(line) : Refusal{400, "the request is malformed"};
     return refuse(found.status, found.reason);
   }
   const bool done = policy.is_header_done();

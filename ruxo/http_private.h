@@ -160,9 +160,9 @@ class Response {
  public:
   enum class Progress { done, more, blocked, failed };
   struct Ending {
-    bool head_only;   // the request was a HEAD
+    bool head_only;  // the request was a HEAD
     bool keep_alive;
-    bool http11;      // the request was
+    bool http11;  // the request was
     const char *date;
   };
 
@@ -217,7 +217,9 @@ struct Route {
   bool covers(std::string_view other) const {
     return path.ends_with('/') ? other.starts_with(path) : other == path;
   }
-  bool answers(std::string_view other) const { return method == other || (method == "GET" && other == "HEAD"); }
+  bool answers(std::string_view other) const {
+    return method == other || (method == "GET" && other == "HEAD");
+  }
 };
 
 // ---- Deadlines ----
@@ -265,7 +267,8 @@ struct ruxo_http_session_ctx {
 struct ruxo_http_connection {
  public:
   // A connection that is over the limit is told so and closed.
-  ruxo_http_connection(ruxo_http_server &server, ruxo::http::Lane &lane, int fd, std::string peer, bool over_limit);
+  ruxo_http_connection(ruxo_http_server &server, ruxo::http::Lane &lane, int fd, std::string peer,
+                       bool over_limit);
   ruxo_http_connection(const ruxo_http_connection &) = delete;
   ruxo_http_connection &operator=(const ruxo_http_connection &) = delete;
 
@@ -348,7 +351,7 @@ struct ruxo_http_connection {
   bool all_read_ = false;      // the last read has taken all there was
   bool message_done_ = false;  // the request has been read to its end
   bool keep_alive_ = false;
-  bool resumed_ = false;       // the host's, though back in the loop
+  bool resumed_ = false;  // the host's, though back in the loop
 };
 
 namespace ruxo::http {
@@ -442,9 +445,10 @@ struct ruxo_http_server {
   std::atomic<size_t> references_ = 1;  // the host's, and one for each connection
   std::mutex lock_;
   std::condition_variable changed_;
-  std::vector<std::unique_ptr<ruxo::http::Lane>> lanes_;  // guarded by lock_; one for each loop thread, once used
-  size_t tasks_ = 0;                                      // guarded by lock_
-  unsigned next_loop_ = 0;                                // guarded by lock_
+  std::vector<std::unique_ptr<ruxo::http::Lane>>
+      lanes_;               // guarded by lock_; one for each loop thread, once used
+  size_t tasks_ = 0;        // guarded by lock_
+  unsigned next_loop_ = 0;  // guarded by lock_
 };
 
 #endif

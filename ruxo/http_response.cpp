@@ -226,7 +226,8 @@ Response::Progress Response::send(Transport &transport, uint64_t budget, bool *s
       n = transport.send(pieces, count, file_follows);
     } else if (next_piece_ < pieces_.size()) {
       const Piece &file = pieces_[next_piece_];
-      n = transport.send_file(file.fd, file.offset + piece_sent_, std::min(file.len - piece_sent_, budget - total));
+      n = transport.send_file(file.fd, file.offset + piece_sent_,
+                              std::min(file.len - piece_sent_, budget - total));
     } else {
       return Progress::done;
     }

@@ -69,7 +69,8 @@ int open_listener(const sockaddr_storage &address, socklen_t size) {
   const int on = 1;
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   if (address.ss_family == AF_INET6) setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-  if (bind(fd, reinterpret_cast<const sockaddr *>(&address), size) == 0 && listen(fd, kBacklog) == 0) return fd;
+  if (bind(fd, reinterpret_cast<const sockaddr *>(&address), size) == 0 && listen(fd, kBacklog) == 0)
+    return fd;
   const int reason = errno;
   close(fd);
   errno = reason;
@@ -95,9 +96,8 @@ int ruxo_http_server::add_route(Route route) {
     return other.method == route.method && other.path == route.path;
   });
   if (known) return -1;
-  const auto place = std::find_if(routes.begin(), routes.end(), [&](const Route &other) {
-    return other.path.size() < route.path.size();
-  });
+  const auto place = std::find_if(routes.begin(), routes.end(),
+                                  [&](const Route &other) { return other.path.size() < route.path.size(); });
   routes.insert(place, std::move(route));
   return 0;
 }
@@ -188,7 +188,8 @@ Lane &ruxo_http_server::next_lane() {
   const std::lock_guard guard(lock_);
   const unsigned loops = std::max(1U, eventer_loop_count());
   while (lanes_.size() < loops) {
-    lanes_.push_back(std::make_unique<Lane>(*this, eventer_choose_owner(static_cast<unsigned>(lanes_.size()))));
+    lanes_.push_back(
+        std::make_unique<Lane>(*this, eventer_choose_owner(static_cast<unsigned>(lanes_.size()))));
   }
   return *lanes_[next_loop_++ % loops];
 }
@@ -303,12 +304,13 @@ ruxo_http_server_t *ruxo_http_server_new(const ruxo_http_limits_t *limits) {
   });
 }
 
-int ruxo_http_server_route(ruxo_http_server_t *server, const char *method, const char *path, uint64_t max_body,
-                           ruxo_http_handler_f handler, void *closure) {
+int ruxo_http_server_route(ruxo_http_server_t *server, const char *method, const char *path,
+                           uint64_t max_body, ruxo_http_handler_f handler, void *closure) {
   return ruxo::guarded(-1, [&] { return server->add_route({method, path, max_body, handler, closure}); });
 }
 
-int ruxo_http_server_tls(ruxo_http_server_t *server, const char *certificate_file, const char *key_file, char **err) {
+int ruxo_http_server_tls(ruxo_http_server_t *server, const char *certificate_file, const char *key_file,
+                         char **err) {
   std::string fault;
   const int result = ruxo::guarded(-1, [&] {
     server->tls = ruxo::http::tls_context(certificate_file, key_file, &fault);

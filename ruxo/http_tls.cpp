@@ -114,8 +114,8 @@ std::string last_fault() {
 }
 
 // Clients that speak something else too are told what this server speaks.
-int choose_protocol(SSL *, const unsigned char **chosen, unsigned char *chosen_len, const unsigned char *offered,
-                    unsigned offered_len, void *) {
+int choose_protocol(SSL *, const unsigned char **chosen, unsigned char *chosen_len,
+                    const unsigned char *offered, unsigned offered_len, void *) {
   static const unsigned char kHttp11[] = "\x08http/1.1";
   unsigned char *found = nullptr;
   const int result =
@@ -153,8 +153,8 @@ TlsContext tls_context(const char *certificate_file, const char *key_file, std::
   // An end without notice is an end: HTTP itself says how long everything is.
   SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION | SSL_OP_IGNORE_UNEXPECTED_EOF |
                                          SSL_OP_CIPHER_SERVER_PREFERENCE | SSL_OP_NO_COMPRESSION);
-  SSL_CTX_set_mode(context.get(),
-                   SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_RELEASE_BUFFERS);
+  SSL_CTX_set_mode(context.get(), SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
+                                      SSL_MODE_RELEASE_BUFFERS);
   SSL_CTX_set_alpn_select_cb(context.get(), choose_protocol, nullptr);
   SSL_CTX_set_default_passwd_cb(context.get(), no_pass_phrase);
   const bool loaded = load(context.get(), certificate_file, key_file, err);

@@ -51,7 +51,8 @@ class PlainTransport final : public Transport {
   bool short_read_is_last() const override { return true; }
 
  private:
-  static constexpr uint64_t kMostAtOnce = uint64_t{2} << 20;  // so that a fast reader does not hold up the others
+  static constexpr uint64_t kMostAtOnce = uint64_t{2}
+                                          << 20;  // so that a fast reader does not hold up the others
 
   template <class Call>
   ssize_t result(int mask, Call call) {

@@ -25,8 +25,8 @@ RUXO_EXPORT stats_ns_t *stats_ns_get(stats_ns_t *parent, const char *name);
 /* The handle `name` of the namespace, with labels "key=value,key=value" (null: none; the values are any UTF-8 without
  * ',') and a help text (copied), made when it is new. Null for a bad name or label, another type than it has, or
  * without memory. */
-RUXO_EXPORT stats_handle_t *stats_register(stats_ns_t *ns, const char *name, const char *labels,
-                                           stats_type_t type, const char *help);
+RUXO_EXPORT stats_handle_t *stats_register(stats_ns_t *ns, const char *name, const char *labels, stats_type_t type,
+                                           const char *help);
 
 /* Adding and setting; null is ignored, and so is a call for another type. */
 RUXO_EXPORT void stats_add(stats_handle_t *handle, uint64_t count);
@@ -39,8 +39,7 @@ RUXO_EXPORT double stats_value(const stats_handle_t *handle);
 
 /* A gauge whose value is asked for when the text is written. `read` must be quick and may be called on any thread. */
 RUXO_EXPORT stats_handle_t *stats_register_callback(stats_ns_t *ns, const char *name, const char *labels,
-                                                    double (*read)(void *closure), void *closure,
-                                                    const char *help);
+                                                    double (*read)(void *closure), void *closure, const char *help);
 
 /* The text exposition format, version 0.0.4: names joined by '_', in order, each with its HELP and TYPE. Returns a text
  * with a NUL that the caller frees, and its length; null without memory. */

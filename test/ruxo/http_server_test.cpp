@@ -22,13 +22,15 @@ std::string get(const std::string &path, const std::string &more = "") {
 class HttpServer : public testing::Test {
  protected:
   void SetUp() override {
-    host_.answer("GET", "/hello", [](ruxo_http_session_ctx *ctx) { ruxo_http_respond(ctx, 200, "text/plain", "hello"); });
+    host_.answer("GET", "/hello",
+                 [](ruxo_http_session_ctx *ctx) { ruxo_http_respond(ctx, 200, "text/plain", "hello"); });
     // Says what it was asked.
     host_.answer("GET", "/say/", [](ruxo_http_session_ctx *ctx) {
       const char *const query = ruxo_http_request_query(ctx);
       const char *const header = ruxo_http_request_header(ctx, "x-one");
-      const std::string text = std::string(ruxo_http_request_method(ctx)) + "|" + ruxo_http_request_path(ctx) + "|" +
-                               (query == nullptr ? "(none)" : query) + "|" + (header == nullptr ? "(none)" : header);
+      const std::string text = std::string(ruxo_http_request_method(ctx)) + "|" +
+                               ruxo_http_request_path(ctx) + "|" + (query == nullptr ? "(none)" : query) +
+                               "|" + (header == nullptr ? "(none)" : header);
       ruxo_http_respond(ctx, 200, "text/plain", text.c_str());
     });
     host_.listen();

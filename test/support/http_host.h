@@ -22,7 +22,8 @@ inline ruxo_http_limits_t http_limits() {
 // Loop threads and a server on them, while it lives.
 class HttpHost {
  public:
-  using Work = std::function<int(ruxo_http_session_ctx *ctx, ruxo_http_phase_t phase, std::string_view bytes)>;
+  using Work =
+      std::function<int(ruxo_http_session_ctx *ctx, ruxo_http_phase_t phase, std::string_view bytes)>;
 
   explicit HttpHost(const ruxo_http_limits_t &limits = http_limits(), unsigned threads = 1)
       : loops_(threads), server_(ruxo_http_server_new(&limits)) {}
@@ -66,7 +67,8 @@ class HttpHost {
   }
 
  private:
-  static int call(ruxo_http_session_ctx *ctx, ruxo_http_phase_t phase, const void *bytes, size_t len, void *closure) {
+  static int call(ruxo_http_session_ctx *ctx, ruxo_http_phase_t phase, const void *bytes, size_t len,
+                  void *closure) {
     return (*static_cast<Work *>(closure))(ctx, phase, {static_cast<const char *>(bytes), len});
   }
 
