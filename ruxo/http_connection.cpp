@@ -203,13 +203,13 @@ int ruxo_http_connection::receive() {
 
 int ruxo_http_connection::read_more() {
   if (state_ == State::head && parser_.begun() && phase != Phase::head) lane_.arm(*this, Phase::head);
-  if (all_read_) {
-    all_read_ = false;
-    return EVENTER_READ;
-  }
   if (!interim_.empty() && input_.empty()) {
     const int next = ask_for_body();
     if (next != kAgain) return next;
+  }
+  if (all_read_) {
+    all_read_ = false;
+    return EVENTER_READ;
   }
   size_t size;
   char *const room = input_.room(&size);

@@ -67,7 +67,7 @@ class ruxo::http::RequestParser::Policy final : public ::http::basic_parser<true
     Request &request = owner_.request;
     request.http11 = version == 11;
     request.method = request.keep(view(method));
-    if (target.size() > owner_.limits_.max_url) return refuse(414, "the URL is too long", ec);
+    if (target.size() > owner_.max_url()) return refuse(414, "the URL is too long", ec);
     if (!set_target(view(method), view(target))) refuse(400, "the request target is not valid", ec);
   }
 
@@ -254,17 +254,23 @@ RequestParser::Step RequestParser::head_step(std::string_view *input) {
 Refusal RequestParser::meaning_of_fault(std::string_view line) const {
   line = line.substr(0, line.find('\r'));
   const std::string_view version = line.substr(line.rfind(' ') + 1);
-  const bool is_version = version.size() == 8 && version.starts_with("HTTP/") && is_digit(version[5]) &&
-                          version[6] == '.' && is_digit(version[7]);
+  const bool is_version = version.size() == 8 && version != "HTTP/1.0" && version != "HTTP/1.1" &&
+                          version.starts_with("HTTP/") && is_digit(version[5]) && version[6] == '.' &&
+                          is_digit(version[7]);
   if (is_version) return {505, "the HTTP version is not supported"};
   return {400, "the request is malformed"};
 }
 
+// A URL that is too long for the header is too long.
+size_t RequestParser::max_url() const {
+  return std::min(limits_.max_url, limits_.max_header_bytes);
+}
+
 // `rest` is what could not be understood yet, for want of its end.
 Refusal RequestParser::too_long(std::string_view rest) const {
-  if (head_bytes_ == 0 && rest.size() > limits_.max_url) {
+  if (head_bytes_ == 0 && rest.size() > max_url()) {
     const std::string_view target = rest.substr(std::min(rest.find(' '), rest.size() - 1) + 1);
-    if (std::min(target.find(' '), target.size()) > limits_.max_url) return {414, "the URL is too long"};
+    if (std::min(target.find(' '), target.size()) > max_url()) return {414, "the URL is too long"};
   }
   if (head_bytes_ + rest.size() > limits_.max_header_bytes) return {431, "the header is too long"};
   return {};
