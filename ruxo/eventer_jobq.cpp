@@ -18,7 +18,9 @@ struct ruxo_jobq {
   ruxo_jobq(const char *its_name, unsigned threads) : name(its_name), max_workers_(threads) {}
 
   void add(eventer_t job);
-  void close();
+  // Returns when what it had begun or was keeping is over; with `late_ones` also what was added to it closed, which
+  // may go on for as long as somebody adds.
+  void close(bool late_ones);
   void open();
   // In a forked child: jobs and workers are the parent's.
   void start_over();
@@ -32,11 +34,12 @@ struct ruxo_jobq {
   struct State {
     std::mutex lock;
     std::condition_variable filled;  // for the workers
-    std::condition_variable quiet;   // nothing is in flight
+    std::condition_variable quiet;   // nothing is in flight, or nothing late
     eventer_t first = nullptr;       // the jobs that wait, linked
     eventer_t last = nullptr;
     size_t backlog = 0;
-    size_t inflight = 0;  // taken by a worker or cancelled, and not over
+    size_t inflight = 0;  // taken by a worker or cancelled by closing, and not over
+    size_t late = 0;      // added to the closed queue, and not over
     size_t idle = 0;      // workers that wait
     std::vector<pthread_t> workers;
     bool closed = false;
@@ -199,9 +202,10 @@ void ruxo_jobq::serve() {
 }
 
 void ruxo_jobq::over(eventer_t job) noexcept {
+  const bool late = job->late;
   job->release();
   const std::lock_guard guard(state_->lock);
-  if (--state_->inflight == 0) state_->quiet.notify_all();
+  if (--(late ? state_->late : state_->inflight) == 0) state_->quiet.notify_all();
 }
 
 // ---- The queue ----
@@ -209,17 +213,22 @@ void ruxo_jobq::over(eventer_t job) noexcept {
 void ruxo_jobq::add(eventer_t job) {
   job->queue = this;
   std::unique_lock guard(state_->lock);
-  append(job);
-  if (!state_->closed && ruxo::or_fatal("no memory for a worker", [this] { return ensure_worker(); })) {
-    state_->filled.notify_one();
-    return;
+  if (!state_->closed) {
+    append(job);
+    if (ruxo::or_fatal("no memory for a worker", [this] { return ensure_worker(); })) {
+      state_->filled.notify_one();
+      return;
+    }
+    take_all();  // that is this one: without workers, none is kept
+  } else {
+    job->late = true;
+    ++state_->late;
   }
-  take_all();  // there is no other: neither a closed queue nor one without workers keeps jobs
   guard.unlock();
   call_on_owner(*job, EVENTER_ASYNCH_CANCEL);
 }
 
-void ruxo_jobq::close() {
+void ruxo_jobq::close(bool late_ones) {
   std::unique_lock guard(state_->lock);
   state_->closed = true;
   eventer_t job = take_all();
@@ -231,7 +240,7 @@ void ruxo_jobq::close() {
     job = next;
   }
   guard.lock();
-  state_->quiet.wait(guard, [this] { return state_->inflight == 0; });
+  state_->quiet.wait(guard, [&] { return state_->inflight == 0 && (state_->late == 0 || !late_ones); });
   std::vector<pthread_t> workers;
   workers.swap(state_->workers);
   guard.unlock();
@@ -256,7 +265,7 @@ size_t ruxo_jobq::backlog() const {
 
 size_t ruxo_jobq::inflight() const {
   const std::lock_guard guard(state_->lock);
-  return state_->inflight;
+  return state_->inflight + state_->late;
 }
 
 bool ruxo::is_worker_thread() noexcept {
@@ -275,7 +284,7 @@ void ruxo::queues_in_child() {
 }
 
 void ruxo::close_all_queues() {
-  for (const SharedQueue &queue : all_queues()) queue->close();
+  for (const SharedQueue &queue : all_queues()) queue->close(false);
 }
 
 void ruxo::open_all_queues() {
@@ -312,5 +321,5 @@ void eventer_jobq_destroy(eventer_jobq_t *queue) {
     ruxo::eventer_fatal("a job queue is destroyed from a loop or worker thread");
   }
   const SharedQueue removed = remove(queue);
-  if (removed != nullptr) removed->close();
+  if (removed != nullptr) removed->close(true);
 }

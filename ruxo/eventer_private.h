@@ -67,6 +67,7 @@ struct ruxo_event {
   // Of a job. The first is guarded by the queue's lock.
   ruxo_event *next = nullptr;
   ruxo_jobq *queue = nullptr;
+  bool late = false;  // added to the closed queue
 };
 
 namespace ruxo {

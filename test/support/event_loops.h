@@ -2,8 +2,9 @@
 #ifndef TEST_SUPPORT_EVENT_LOOPS_H
 #define TEST_SUPPORT_EVENT_LOOPS_H
 
+#include <condition_variable>
 #include <functional>
-#include <semaphore>
+#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -38,13 +39,21 @@ class Handler {
 // Counts what happened; waits for it, for as long as the test may take.
 class Happened {
  public:
-  void once() { count_.release(); }
+  void once() {
+    const std::lock_guard guard(lock_);
+    ++count_;
+    changed_.notify_one();  // behind the lock: who waits may be about to destroy this
+  }
   void wait(int times = 1) {
-    for (int i = 0; i < times; ++i) count_.acquire();
+    std::unique_lock guard(lock_);
+    changed_.wait(guard, [&] { return count_ >= times; });
+    count_ -= times;
   }
 
  private:
-  std::counting_semaphore<> count_{0};
+  std::mutex lock_;
+  std::condition_variable changed_;
+  int count_ = 0;
 };
 
 // Does the work on that loop thread, and waits until it is done.
