@@ -40,7 +40,7 @@ struct ruxo_jobq {
     size_t backlog = 0;
     size_t inflight = 0;  // taken by a worker or cancelled by closing, and not over
     size_t late = 0;      // added to the closed queue, and not over
-    size_t idle = 0;      // workers that wait
+    size_t idle = 0;      // workers that wait, or are about to
     std::vector<pthread_t> workers;
     bool closed = false;
     State *parents = nullptr;  // what a forked child leaves alone
@@ -48,6 +48,7 @@ struct ruxo_jobq {
 
   static void *run_worker(void *queue);
   void serve();
+  bool work(ruxo_event &job) noexcept;
   void append(eventer_t job);
   eventer_t pop();
   eventer_t take_all();
@@ -95,19 +96,14 @@ void call_last(ruxo_event &job, uint64_t, int phase) noexcept {
   job.queue->over(&job);
 }
 
-void call_on_owner(ruxo_event &job, int phase) noexcept {
-  const std::shared_ptr<ruxo::Loop> loop = ruxo::registry().loop_for(job.owner);
+// `loop` is the owner's; null: here.
+void call_on(ruxo::Loop *loop, ruxo_event &job, int phase) noexcept {
   if (loop != nullptr) job.owner = loop->thread();
   if (loop == nullptr || !loop->post(ruxo::EventRef(&job), call_last, 0, phase)) call_last(job, 0, phase);
 }
 
-void work(ruxo_event &job) noexcept {
-  call(job, EVENTER_ASYNCH_WORK);
-  if (job.mask == 0) {
-    job.queue->over(&job);
-  } else {
-    call_on_owner(job, EVENTER_ASYNCH_COMPLETE);
-  }
+void cancel(ruxo_event &job) noexcept {
+  call_on(ruxo::registry().loop_for(job.owner).get(), job, EVENTER_ASYNCH_CANCEL);
 }
 
 ruxo_jobq *default_queue() {
@@ -189,16 +185,34 @@ void *ruxo_jobq::run_worker(void *queue) {
 
 void ruxo_jobq::serve() {
   std::unique_lock guard(state_->lock);
+  bool counted = false;
   for (;;) {
-    ++state_->idle;
+    if (!counted) ++state_->idle;
     state_->filled.wait(guard, [this] { return state_->first != nullptr || state_->closed; });
     --state_->idle;
     if (state_->first == nullptr) return;
     const eventer_t job = pop();
     guard.unlock();
-    work(*job);
+    counted = work(*job);
     guard.lock();
   }
+}
+
+// Whether the worker was counted as idle. It is before the completion can run: where that hands over the next job, this
+// worker does it, and no other is started or woken.
+bool ruxo_jobq::work(ruxo_event &job) noexcept {
+  call(job, EVENTER_ASYNCH_WORK);
+  if (job.mask == 0) {
+    over(&job);
+    return false;
+  }
+  const std::shared_ptr<ruxo::Loop> loop = ruxo::registry().loop_for(job.owner);
+  if (loop != nullptr) {
+    const std::lock_guard guard(state_->lock);
+    ++state_->idle;
+  }
+  call_on(loop.get(), job, EVENTER_ASYNCH_COMPLETE);
+  return loop != nullptr;
 }
 
 void ruxo_jobq::over(eventer_t job) noexcept {
@@ -225,7 +239,7 @@ void ruxo_jobq::add(eventer_t job) {
     ++state_->late;
   }
   guard.unlock();
-  call_on_owner(*job, EVENTER_ASYNCH_CANCEL);
+  cancel(*job);
 }
 
 void ruxo_jobq::close(bool late_ones) {
@@ -236,7 +250,7 @@ void ruxo_jobq::close(bool late_ones) {
   guard.unlock();
   while (job != nullptr) {
     const eventer_t next = job->next;
-    call_on_owner(*job, EVENTER_ASYNCH_CANCEL);
+    cancel(*job);
     job = next;
   }
   guard.lock();

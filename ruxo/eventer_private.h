@@ -10,7 +10,8 @@
 // a wait, a wake-up. These name the registration they belong to, and come to nothing when that is over; so nobody has
 // to find them when an event is taken out.
 //
-// Locks, taken in this order: an event's, the registry's, a loop's. A queue's is taken alone. No callback runs under any.
+// Locks, taken in this order: an event's, the registry's, a loop's. A queue's is taken alone. No callback runs under
+// any of them.
 #ifndef RUXO_EVENTER_PRIVATE_H
 #define RUXO_EVENTER_PRIVATE_H
 

@@ -1,6 +1,8 @@
+#include <sched.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "ruxo/b64.h"
 #include "ruxo/conf.h"
@@ -79,6 +81,46 @@ static void call_eventer(void) {
   eventer_set_mask(e, EVENTER_READ | EVENTER_TIMER);
   CHECK(eventer_get_mask(e) == (EVENTER_READ | EVENTER_TIMER));
   eventer_free(e);
+}
+
+static void call_eventer_descriptors(void) {
+  int ends[2];
+  CHECK(pipe(ends) == 0);
+  eventer_t e = eventer_alloc_fd(nothing_to_do, ends, ends[0], EVENTER_READ);
+  CHECK(eventer_get_fd(e) == ends[0] && eventer_get_closure(e) == ends);
+  eventer_set_owner(e, eventer_choose_owner(0));
+  CHECK(eventer_add(e) == 0 && eventer_get_owner(e) == eventer_choose_owner(0) && !eventer_is_owner(e));
+  eventer_update(e, EVENTER_READ | EVENTER_EXCEPTION);
+  CHECK(eventer_remove_fd(ends[0]) == e);
+  eventer_wakeup(e, EVENTER_READ);
+  eventer_free(e);
+  close(ends[0]);
+  close(ends[1]);
+}
+
+static void call_eventer_timers(void) {
+  const struct timeval when = {4000000000, 5};
+  eventer_t e = eventer_alloc_timer(nothing_to_do, NULL, &when);
+  CHECK(eventer_get_when(e).tv_usec == 5 && eventer_add(e) == 0);
+  CHECK(eventer_remove_timer(e) == e);
+  eventer_free(e);
+  CHECK(eventer_add_in_s_us(nothing_to_do, NULL, 1000, 0) != NULL);
+}
+
+static void call_eventer_jobs(void) {
+  eventer_jobq_t *queue = eventer_jobq_create("abi/jobs", 1);
+  CHECK(eventer_jobq_by_name("abi/jobs") == queue);
+  eventer_add_asynch(queue, eventer_alloc_asynch(nothing_to_do, NULL));
+  while (eventer_jobq_backlog(queue) + eventer_jobq_inflight(queue) > 0) sched_yield();
+  eventer_jobq_destroy(queue);
+}
+
+static void call_eventer_loops(void) {
+  CHECK(eventer_start(2) == 0 && eventer_loop_count() == 2);
+  call_eventer_descriptors();
+  call_eventer_timers();
+  call_eventer_jobs();
+  eventer_stop();
 }
 
 static void add_value(const void *key, size_t key_len, void *data, void *closure) {
@@ -223,6 +265,7 @@ void call_ruxo_data(void) {
   call_b64();
   call_conf();
   call_eventer();
+  call_eventer_loops();
   call_hash();
   call_json_makers();
   call_json_readers();
