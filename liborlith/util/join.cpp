@@ -5,6 +5,7 @@
 #include "liborlith/liborlith_fatal.h"
 #include "liborlith/liborlith_module.h"
 #include "liborlith/util/join_private.h"
+#include "ruxo/eventer.h"
 
 ruxo_log_stream_t join_debug_ls = nullptr;
 ruxo_log_stream_t join_error_ls = nullptr;
@@ -66,4 +67,9 @@ ruxo_boolean liborlith_join_one(liborlith_join_t *joiner) {
 
 ruxo_boolean liborlith_join_commit(liborlith_join_t *joiner) {
   return liborlith_join_one(joiner);
+}
+
+void liborlith_join_commit_nextcycle(liborlith_join_t *joiner) {
+  const eventer_t timer = eventer_add_in_s_us(join_commit_helper, joiner, 0, 0);
+  liborlith_assert(timer != NULL);
 }

@@ -48,6 +48,12 @@ RUXO_EXPORT ruxo_boolean liborlith_join_one(liborlith_join_t *joiner);
  * cannot run. */
 RUXO_EXPORT ruxo_boolean liborlith_join_commit(liborlith_join_t *joiner);
 
+/* The same on the next cycle of the event loop, never within this call, for a creator that is not ready yet for what
+ * the completion does. The completion, if this was the last hold, runs on the calling thread where that is a loop
+ * thread, else on one of them in turn. Before eventer_start() it waits for that; a loop that is stopped first leaves
+ * the hold in place, and the join with whoever knows it. Fatal without memory. */
+RUXO_EXPORT void liborlith_join_commit_nextcycle(liborlith_join_t *joiner);
+
 RUXO_END_DECLS
 
 #endif

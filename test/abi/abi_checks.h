@@ -29,6 +29,7 @@ void call_hooks(void);
 void call_metric_name(void);
 void call_oil(void);
 void call_join(void);
+void call_go_asynch(void);
 void call_art_tree(void);
 void call_art_image(void);
 void call_vask_move(void);

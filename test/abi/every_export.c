@@ -54,6 +54,7 @@ int main(void) {
   call_metric_name();
   call_oil();
   call_join();
+  call_go_asynch();
   call_art_tree();
   call_art_image();
   call_vask_move();

@@ -1,3 +1,4 @@
+#include <sched.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -164,6 +165,10 @@ static void add_one(void *closure) {
   ++*(int *)closure;
 }
 
+static void store_one(void *closure) {
+  __atomic_store_n((int *)closure, 1, __ATOMIC_RELEASE);
+}
+
 void call_join(void) {
   int completed = 0;
   liborlith_join_t *parent = liborlith_join_create(NULL, add_one, &completed);
@@ -172,6 +177,27 @@ void call_join(void) {
   CHECK(!liborlith_join_commit(parent));
   CHECK(!liborlith_join_commit(child) && completed == 0);
   CHECK(liborlith_join_one(child) && completed == 2);
+  int later = 0;
+  CHECK(eventer_start(1) == 0);
+  liborlith_join_commit_nextcycle(liborlith_join_create(NULL, store_one, &later));
+  while (__atomic_load_n(&later, __ATOMIC_ACQUIRE) == 0) sched_yield();
+  eventer_stop();
+}
+
+static int count_phase(eventer_t e, int mask, void *closure, struct timeval *now) {
+  (void)e, (void)now;
+  if (mask == EVENTER_ASYNCH_WORK || mask == EVENTER_ASYNCH_COMPLETE) ++*(int *)closure;
+  return 0;
+}
+
+void call_go_asynch(void) {
+  int phases = 0;
+  eventer_jobq_t *queue = eventer_jobq_create("abi/go_asynch", 1);
+  CHECK(orlith_go_asynch(queue, count_phase, &phases) == 0);
+  CHECK(orlith_http_go_asynch(queue, count_phase, &phases, NULL) == 0);
+  while (eventer_jobq_backlog(queue) > 0) sched_yield(); /* what it has not begun would be cancelled */
+  eventer_jobq_destroy(queue);
+  CHECK(phases == 4);
 }
 
 void call_vask_move(void) {

@@ -10,6 +10,24 @@
 
 #include "liborlith/util/join_private.h"
 #include "ruxo/eventer.h"
+#include "test/support/event_loops.h"
+
+namespace {
+bool no_memory_for_timers = false;
+}
+
+extern "C" {
+// Declared first, as the compilers ask for.
+eventer_t __real_eventer_add_in_s_us(eventer_func_t function, void *closure, unsigned long seconds,
+                                     unsigned long microseconds);
+eventer_t __wrap_eventer_add_in_s_us(eventer_func_t function, void *closure, unsigned long seconds,
+                                     unsigned long microseconds);
+eventer_t __wrap_eventer_add_in_s_us(eventer_func_t function, void *closure, unsigned long seconds,
+                                     unsigned long microseconds) {
+  if (no_memory_for_timers) return nullptr;
+  return __real_eventer_add_in_s_us(function, closure, seconds, microseconds);
+}
+}
 
 namespace {
 
@@ -156,6 +174,113 @@ TEST_F(Join, HoldsAreReleasedFromManyThreadsAndOneOfThemCompletes) {
     ASSERT_EQ(last_ones, 1);
     ASSERT_EQ(shared.sum, 36);
   }
+}
+
+// The loop's threads, and a completion that notes where it ran.
+class JoinNextCycle : public testing::Test {
+ protected:
+  ~JoinNextCycle() override { eventer_stop(); }
+
+  liborlith_join_t *create(liborlith_join_t *parent = nullptr) {
+    return liborlith_join_create(
+        parent,
+        [](void *closure) {
+          auto *self = static_cast<JoinNextCycle *>(closure);
+          ++self->completions_;
+          self->thread_ = pthread_self();
+          self->completed_.once();
+        },
+        this);
+  }
+
+  std::atomic<int> completions_ = 0;
+  pthread_t thread_{};
+  Happened completed_;
+};
+
+TEST_F(JoinNextCycle, NeverCompletesWithinTheCallButOnALaterCycleOfItsLoop) {
+  ASSERT_EQ(eventer_start(2), 0);
+  for (unsigned i = 0; i < 2; ++i) {
+    on_loop(eventer_choose_owner(i), [&] {
+      liborlith_join_t *const join = create();
+      liborlith_join_commit_nextcycle(join);
+      EXPECT_EQ(completions_, 0);
+      EXPECT_EQ(join->wait_count, 1U);
+    });
+    completed_.wait();
+    EXPECT_EQ(thread_, eventer_choose_owner(i));
+    completions_ = 0;
+  }
+}
+
+TEST_F(JoinNextCycle, FromAnotherThreadCompletesOnALoopThread) {
+  ASSERT_EQ(eventer_start(1), 0);
+  liborlith_join_commit_nextcycle(create());
+  completed_.wait();
+  EXPECT_EQ(thread_, eventer_choose_owner(0));
+}
+
+TEST_F(JoinNextCycle, BeforeTheStartItWaits) {
+  liborlith_join_commit_nextcycle(create());
+  EXPECT_EQ(completions_, 0);
+  ASSERT_EQ(eventer_start(1), 0);
+  completed_.wait();
+}
+
+TEST_F(JoinNextCycle, WorkStillHoldsTheCompletionBack) {
+  ASSERT_EQ(eventer_start(1), 0);
+  liborlith_join_t *const join = create();
+  liborlith_join_wait_more(join, 1);
+  liborlith_join_commit_nextcycle(join);
+  let_loop_pass(eventer_choose_owner(0));
+  EXPECT_EQ(completions_, 0);
+  EXPECT_TRUE(liborlith_join_one(join));
+  EXPECT_EQ(completions_, 1);
+  EXPECT_EQ(thread_, pthread_self());
+}
+
+TEST_F(JoinNextCycle, ATreeOfThemCompletesOnce) {
+  ASSERT_EQ(eventer_start(2), 0);
+  liborlith_join_t *const root = create();
+  std::vector<liborlith_join_t *> children;
+  for (int i = 0; i < 100; ++i) children.push_back(liborlith_join_create(root, nullptr, nullptr));
+  liborlith_join_commit_nextcycle(root);
+  for (liborlith_join_t *child : children) liborlith_join_commit_nextcycle(child);
+  completed_.wait();
+  EXPECT_EQ(completions_, 1);
+}
+
+// Loop threads and workers release the holds of the same joins.
+TEST_F(JoinNextCycle, HoldsAreReleasedFromLoopsAndJobsAndOneOfThemCompletes) {
+  ASSERT_EQ(eventer_start(2), 0);
+  eventer_jobq_t *const queue = eventer_jobq_create("test/join", 4);
+  const eventer_func_t release = [](eventer_t, int, void *closure, struct timeval *) {
+    liborlith_join_one(static_cast<liborlith_join_t *>(closure));
+    return 0;
+  };
+  constexpr int rounds = 100;
+  constexpr int jobs = 8;
+  for (int round = 0; round < rounds; ++round) {
+    liborlith_join_t *const join = create();
+    for (int i = 0; i < jobs; ++i) {
+      liborlith_join_wait_more(join, 2);  // one for the work, one for its completion
+      eventer_add_asynch(queue, eventer_alloc_asynch(release, join));
+    }
+    liborlith_join_commit_nextcycle(join);
+  }
+  completed_.wait(rounds);
+  EXPECT_EQ(completions_, rounds);
+  eventer_jobq_destroy(queue);
+}
+
+TEST(JoinDeathTest, ADeferredCommitWithoutMemoryIsFatal) {
+  EXPECT_DEATH(
+      {
+        liborlith_join_t *const join = liborlith_join_create(nullptr, nullptr, nullptr);
+        no_memory_for_timers = true;
+        liborlith_join_commit_nextcycle(join);
+      },
+      "message=\"\\[FATAL\\] assertion \\(timer != NULL\\) at util/join\\.cpp:[0-9]+ failed\"\n");
 }
 
 TEST(JoinDeathTest, AJoinHasOneParent) {
