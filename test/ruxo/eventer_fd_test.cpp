@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <deque>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,13 +33,23 @@ class EventerFd : public testing::Test {
     return e;
   }
   pthread_t owner() const { return eventer_choose_owner(0); }
+  void note(int mask) {
+    const std::lock_guard guard(lock_);
+    told_.push_back(mask);
+  }
+  // What the callback was told so far.
+  std::vector<int> masks() {
+    const std::lock_guard guard(lock_);
+    return told_;
+  }
 
   SocketPair sockets_;
   Happened called_;
-  std::vector<int> masks_;  // written by the loop, read once `called_` says so
+  std::mutex lock_;
+  std::vector<int> told_;
   std::function<int(eventer_t)> answer_ = [](eventer_t) { return 0; };
   Handler handler_{[this](eventer_t e, int mask, const struct timeval &) {
-    masks_.push_back(mask);
+    note(mask);
     const int next = answer_(e);
     called_.once();
     return next;
@@ -58,7 +69,7 @@ TEST_F(EventerFd, IsToldWhenThereIsSomethingToRead) {
   ASSERT_TRUE(sockets_.send_far("two"));
   called_.wait();
   EXPECT_EQ(received, "onetwo");
-  EXPECT_THAT(masks_, ElementsAre(EVENTER_READ, EVENTER_READ));
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_READ, EVENTER_READ));
 }
 
 TEST_F(EventerFd, IsToldAgainOfWhatItLeaves) {
@@ -78,24 +89,24 @@ TEST_F(EventerFd, IsToldAgainOfWhatItLeaves) {
 TEST_F(EventerFd, IsToldWhenItCanWrite) {
   add(EVENTER_WRITE);
   called_.wait();
-  EXPECT_THAT(masks_, ElementsAre(EVENTER_WRITE));
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_WRITE));
 }
 
 TEST_F(EventerFd, WaitsUntilItCanWrite) {
   sockets_.fill_near();
   add(EVENTER_WRITE);
   let_loop_pass(owner());
-  on_loop(owner(), [&] { EXPECT_TRUE(masks_.empty()); });
+  EXPECT_TRUE(masks().empty());
   SocketPair::receive(sockets_.far());
   called_.wait();
-  EXPECT_THAT(masks_, ElementsAre(EVENTER_WRITE));
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_WRITE));
 }
 
 TEST_F(EventerFd, WhatHappenedAtOnceIsToldAtOnce) {
   ASSERT_TRUE(sockets_.send_far("x"));
   add(EVENTER_READ | EVENTER_WRITE | EVENTER_EXCEPTION);
   called_.wait();
-  EXPECT_THAT(masks_, ElementsAre(EVENTER_READ | EVENTER_WRITE));
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_READ | EVENTER_WRITE));
 }
 
 TEST_F(EventerFd, IsNotToldOfWritingTwiceForOneReadiness) {
@@ -108,17 +119,17 @@ TEST_F(EventerFd, IsNotToldOfWritingTwiceForOneReadiness) {
   add(EVENTER_READ | EVENTER_WRITE);
   called_.wait();
   let_loop_pass(owner());
-  on_loop(owner(), [&] { EXPECT_THAT(masks_, ElementsAre(EVENTER_READ | EVENTER_WRITE)); });
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_READ | EVENTER_WRITE));
   ASSERT_TRUE(sockets_.send_far("x"));
   called_.wait();
-  EXPECT_EQ(masks_.back(), EVENTER_READ);
+  EXPECT_EQ(masks().back(), EVENTER_READ);
 }
 
 TEST_F(EventerFd, TheEndIsSomethingToRead) {
   add(EVENTER_READ);
   sockets_.close_far();
   called_.wait();
-  EXPECT_THAT(masks_, ElementsAre(EVENTER_READ));
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_READ));
 }
 
 TEST_F(EventerFd, WhoWaitsForExceptionsIsToldOfTheEndWithWhatIsLeftToRead) {
@@ -126,7 +137,7 @@ TEST_F(EventerFd, WhoWaitsForExceptionsIsToldOfTheEndWithWhatIsLeftToRead) {
   sockets_.close_far();
   add(EVENTER_READ | EVENTER_EXCEPTION);
   called_.wait();
-  EXPECT_THAT(masks_, ElementsAre(EVENTER_READ | EVENTER_EXCEPTION));
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_READ | EVENTER_EXCEPTION));
 }
 
 TEST_F(EventerFd, AHangUpAloneIsAnException) {
@@ -134,10 +145,10 @@ TEST_F(EventerFd, AHangUpAloneIsAnException) {
   ASSERT_EQ(pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
   ASSERT_EQ(eventer_add(eventer_alloc_fd(Handler::call, &handler_, ends[0], EVENTER_EXCEPTION)), 0);
   let_loop_pass(owner());
-  on_loop(owner(), [&] { EXPECT_TRUE(masks_.empty()); });
+  EXPECT_TRUE(masks().empty());
   close(ends[1]);
   called_.wait();
-  EXPECT_THAT(masks_, ElementsAre(EVENTER_EXCEPTION));
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_EXCEPTION));
   let_loop_pass(owner());  // the event is gone before its descriptor
   close(ends[0]);
 }
@@ -148,7 +159,7 @@ TEST_F(EventerFd, AFailureIsToldAsWhatIsWaitedFor) {
   close(ends[0]);
   ASSERT_EQ(eventer_add(eventer_alloc_fd(Handler::call, &handler_, ends[1], EVENTER_WRITE)), 0);
   called_.wait();
-  EXPECT_THAT(masks_, ElementsAre(EVENTER_WRITE));
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_WRITE));
   let_loop_pass(owner());
   close(ends[1]);
 }
@@ -159,7 +170,7 @@ TEST_F(EventerFd, EndsWhenItsCallbackReturnsNone) {
   called_.wait();
   let_loop_pass(owner());
   EXPECT_EQ(eventer_remove_fd(sockets_.near()), nullptr);
-  EXPECT_THAT(masks_, ElementsAre(EVENTER_READ));
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_READ));
   EXPECT_NE(fcntl(sockets_.near(), F_GETFD), -1) << "it stays open";
 }
 
@@ -172,8 +183,8 @@ TEST_F(EventerFd, CanBeSwitchedFromReadingToWritingAndBack) {
   add(EVENTER_READ);
   ASSERT_TRUE(sockets_.send_far("x"));
   called_.wait(6);
-  ASSERT_EQ(masks_.size(), 6U);
-  for (size_t i = 0; i < 6; ++i) EXPECT_EQ(masks_[i], i % 2 == 0 ? EVENTER_READ : EVENTER_WRITE) << i;
+  ASSERT_EQ(masks().size(), 6U);
+  for (size_t i = 0; i < 6; ++i) EXPECT_EQ(masks()[i], i % 2 == 0 ? EVENTER_READ : EVENTER_WRITE) << i;
 }
 
 TEST_F(EventerFd, AnUpdateChangesWhatItWaitsFor) {
@@ -181,7 +192,7 @@ TEST_F(EventerFd, AnUpdateChangesWhatItWaitsFor) {
   let_loop_pass(owner());
   eventer_update(e, EVENTER_WRITE);
   called_.wait();
-  EXPECT_THAT(masks_, ElementsAre(EVENTER_WRITE));
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_WRITE));
 }
 
 TEST_F(EventerFd, AnUpdateToNoneHoldsItUpUntilTheNext) {
@@ -190,16 +201,16 @@ TEST_F(EventerFd, AnUpdateToNoneHoldsItUpUntilTheNext) {
   EXPECT_EQ(eventer_get_mask(e), 0);
   ASSERT_TRUE(sockets_.send_far("x"));
   let_loop_pass(owner());
-  on_loop(owner(), [&] { EXPECT_TRUE(masks_.empty()); });
+  EXPECT_TRUE(masks().empty());
   eventer_update(e, EVENTER_READ);
   called_.wait();
-  EXPECT_THAT(masks_, ElementsAre(EVENTER_READ));
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_READ));
 }
 
 TEST_F(EventerFd, AnUpdateDuringTheCallbackWinsOverWhatItReturns) {
   Happened entered, leave;
   answer_ = [&](eventer_t e) {
-    if (masks_.size() > 1) return 0;
+    if (masks().size() > 1) return 0;
     entered.once();
     leave.wait();
     EXPECT_EQ(eventer_get_mask(e), EVENTER_WRITE);
@@ -211,7 +222,7 @@ TEST_F(EventerFd, AnUpdateDuringTheCallbackWinsOverWhatItReturns) {
   eventer_update(e, EVENTER_WRITE);
   leave.once();
   called_.wait(2);
-  EXPECT_THAT(masks_, ElementsAre(EVENTER_READ, EVENTER_WRITE));
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_READ, EVENTER_WRITE));
 }
 
 TEST_F(EventerFd, AnUpdateOfAnEventThatIsOutIsItsMask) {
@@ -220,7 +231,7 @@ TEST_F(EventerFd, AnUpdateOfAnEventThatIsOutIsItsMask) {
   EXPECT_EQ(eventer_get_mask(e), EVENTER_WRITE);
   ASSERT_EQ(eventer_add(e), 0);
   called_.wait();
-  EXPECT_THAT(masks_, ElementsAre(EVENTER_WRITE));
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_WRITE));
 }
 
 TEST_F(EventerFd, AWakeupIsCalledOnTheOwnerWithItsMask) {
@@ -228,7 +239,7 @@ TEST_F(EventerFd, AWakeupIsCalledOnTheOwnerWithItsMask) {
   answer_ = [&](eventer_t e) {
     caller = pthread_self();
     EXPECT_TRUE(eventer_is_owner(e));
-    return masks_.back() == EVENTER_READ ? 0 : EVENTER_READ;
+    return masks().back() == EVENTER_READ ? 0 : EVENTER_READ;
   };
   const eventer_t e = add(EVENTER_READ);
   eventer_wakeup(e, EVENTER_EXCEPTION);
@@ -236,10 +247,10 @@ TEST_F(EventerFd, AWakeupIsCalledOnTheOwnerWithItsMask) {
   EXPECT_EQ(caller, owner());
   eventer_wakeup(e, EVENTER_TIMER);
   called_.wait();
-  EXPECT_THAT(masks_, ElementsAre(EVENTER_EXCEPTION, EVENTER_TIMER));
+  EXPECT_THAT(masks(), ElementsAre(EVENTER_EXCEPTION, EVENTER_TIMER));
   ASSERT_TRUE(sockets_.send_far("x"));
   called_.wait();
-  EXPECT_EQ(masks_.back(), EVENTER_READ) << "it still waits";
+  EXPECT_EQ(masks().back(), EVENTER_READ) << "it still waits";
 }
 
 TEST_F(EventerFd, AWakeupOfAnEventThatIsOutIsForgotten) {
@@ -250,7 +261,7 @@ TEST_F(EventerFd, AWakeupOfAnEventThatIsOutIsForgotten) {
     EXPECT_EQ(eventer_add(e), 0);
   });
   let_loop_pass(owner());
-  on_loop(owner(), [&] { EXPECT_TRUE(masks_.empty()); });
+  EXPECT_TRUE(masks().empty());
 }
 
 TEST_F(EventerFd, TakenOutItIsNotCalled) {
@@ -258,7 +269,7 @@ TEST_F(EventerFd, TakenOutItIsNotCalled) {
   EXPECT_EQ(eventer_remove_fd(sockets_.near()), e);
   ASSERT_TRUE(sockets_.send_far("x"));
   let_loop_pass(owner());
-  on_loop(owner(), [&] { EXPECT_TRUE(masks_.empty()); });
+  EXPECT_TRUE(masks().empty());
   eventer_free(e);
 }
 
@@ -267,14 +278,14 @@ TEST_F(EventerFd, TakenOutByItsCallbackItIsTheTakersWhateverThatReturns) {
   answer_ = [&](eventer_t e) {
     taken = eventer_remove_fd(eventer_get_fd(e));
     EXPECT_EQ(taken, e);
-    return masks_.size() == 1 ? EVENTER_READ : 0;
+    return masks().size() == 1 ? EVENTER_READ : 0;
   };
   for (size_t i = 1; i <= 2; ++i) {
     add(EVENTER_READ);
     ASSERT_TRUE(sockets_.send_far("x"));
     called_.wait();
     let_loop_pass(owner());
-    EXPECT_EQ(masks_.size(), i);
+    EXPECT_EQ(masks().size(), i);
     eventer_free(taken);
   }
 }
@@ -283,7 +294,7 @@ TEST_F(EventerFd, TakenOutByItsCallbackItIsTheTakersWhateverThatReturns) {
 // thread, puts it back.
 TEST_F(EventerFd, TakenOutAndAddedAgainLaterItGoesOnOnTheSameThread) {
   answer_ = [&](eventer_t e) {
-    if (masks_.size() == 1) {
+    if (masks().size() == 1) {
       EXPECT_EQ(eventer_remove_fd(eventer_get_fd(e)), e);
       return 0;
     }
@@ -297,17 +308,17 @@ TEST_F(EventerFd, TakenOutAndAddedAgainLaterItGoesOnOnTheSameThread) {
   ASSERT_TRUE(sockets_.send_far("two"));
   let_loop_pass(owner());
   on_loop(owner(), [&] {
-    EXPECT_EQ(masks_.size(), 1U);
+    EXPECT_EQ(masks().size(), 1U);
     EXPECT_EQ(eventer_get_owner(e), pthread_self());
     EXPECT_EQ(eventer_add(e), 0);
   });
   called_.wait();
-  EXPECT_EQ(masks_.size(), 2U);
+  EXPECT_EQ(masks().size(), 2U);
 }
 
 TEST_F(EventerFd, AddedAgainByItsOwnCallbackItGoesOn) {
   answer_ = [&](eventer_t e) {
-    if (masks_.size() == 3) return 0;
+    if (masks().size() == 3) return 0;
     EXPECT_EQ(eventer_remove_fd(eventer_get_fd(e)), e);
     EXPECT_EQ(eventer_add(e), 0);
     return 0;  // of an event that was taken out: ignored
@@ -315,7 +326,7 @@ TEST_F(EventerFd, AddedAgainByItsOwnCallbackItGoesOn) {
   add(EVENTER_READ);
   ASSERT_TRUE(sockets_.send_far("x"));
   called_.wait(3);
-  EXPECT_EQ(masks_.size(), 3U);
+  EXPECT_EQ(masks().size(), 3U);
 }
 
 TEST_F(EventerFd, ACallbackCanCloseItsDescriptorAndItsNumberBeUsedAgain) {
@@ -355,7 +366,7 @@ TEST_F(EventerFd, AnotherThreadThatTakesItOutWaitsForItsCallback) {
   leave.once();
   taker.join();
   let_loop_pass(owner());
-  EXPECT_EQ(masks_.size(), 1U);
+  EXPECT_EQ(masks().size(), 1U);
 }
 
 TEST_F(EventerFd, AnotherThreadThatTakesItOutGetsNothingWhenTheCallbackEndsIt) {
