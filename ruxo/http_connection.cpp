@@ -4,8 +4,8 @@
 //                                                  |  ^                 lingering --> closed
 //                                               floating
 //
-// run() takes steps until one has to wait, and says for what. A step never blocks, and a connection that could go on for
-// ever gives way to the others after some turns. Whoever calls run() settles what it says with the loop.
+// run() takes steps until one has to wait, and says for what. A step never blocks, and a connection that could go on
+// for ever gives way to the others after some turns. Whoever calls run() settles what it says with the loop.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -79,14 +79,13 @@ ruxo_http_connection::ruxo_http_connection(ruxo_http_server &server, ruxo::http:
 
 // A socket can be written to at once: so its own thread gets to know it.
 bool ruxo_http_connection::start() {
-  lane_.add(this);
   event_ = eventer_alloc_fd(on_event, this, fd_, EVENTER_WRITE);
-  if (event_ != nullptr) {
+  if (event_ != nullptr && ruxo::guarded(false, [&] { return lane_.add(this), true; })) {
     eventer_set_owner(event_, lane_.owner);
     if (eventer_add(event_) == 0) return true;
-    eventer_free(event_);
+    lane_.remove(this);
   }
-  lane_.remove(this);
+  eventer_free(event_);
   delete this;
   return false;
 }
@@ -137,6 +136,8 @@ void ruxo_http_connection::run_outside(int happened) {
 
 int ruxo_http_connection::settle(int mask, bool in_callback) {
   if (mask == kClosed) {
+    running_ = true;
+    tell_aborted();
     destroy(true);
     return 0;
   }
@@ -157,7 +158,7 @@ int ruxo_http_connection::step(int happened) {
       return receive();
     case State::handler:
       if (session_.response.ended.load(std::memory_order_acquire)) return start_sending();
-      if ((happened & EVENTER_EXCEPTION) != 0 && !resumed_) return lost();
+      if ((happened & EVENTER_EXCEPTION) != 0 && !resumed_) return kClosed;
       return resumed_ ? 0 : EVENTER_EXCEPTION;
     case State::floating:
       return resume();
@@ -215,7 +216,7 @@ int ruxo_http_connection::read_more() {
   char *const room = input_.room(&size);
   const ssize_t n = transport_->read(room, size);
   if (n == ruxo::http::kBlocked) return transport_->wanted();
-  if (n <= 0) return lost();
+  if (n <= 0) return kClosed;
   const size_t count = static_cast<size_t>(n);
   input_.filled(count);
   all_read_ = count < size && transport_->short_read_is_last();
@@ -255,7 +256,7 @@ int ruxo_http_connection::ask_for_body() {
     const struct iovec piece = {interim_.data(), interim_.size()};
     const ssize_t n = transport_->send(&piece, 1, false);
     if (n == ruxo::http::kBlocked) return transport_->wanted();
-    if (n <= 0) return lost();
+    if (n <= 0) return kClosed;
     interim_.erase(0, static_cast<size_t>(n));
   }
   return kAgain;
@@ -376,14 +377,11 @@ int ruxo_http_connection::linger() {
 
 // ---- Ends ----
 
-int ruxo_http_connection::lost() {
-  tell_aborted();
-  return kClosed;
-}
-
+// Not who has ended his response, though it could not be sent yet.
 void ruxo_http_connection::tell_aborted() {
   const ruxo::http::Route *const route = std::exchange(session_.route, nullptr);
-  if (route != nullptr) route->handler(&session_, RUXO_HTTP_ABORTED, nullptr, 0, route->closure);
+  if (route != nullptr && !session_.response.ended.load(std::memory_order_acquire))
+    route->handler(&session_, RUXO_HTTP_ABORTED, nullptr, 0, route->closure);
 }
 
 void ruxo_http_connection::on_deadline() {
@@ -395,7 +393,7 @@ int ruxo_http_connection::too_slow() {
   if (phase == Phase::body) return refuse({408, "the body took too long"});
   if (phase == Phase::write)
     ruxo_log(ruxo::http::error_log(), "http: %s: does not take its response\n", peer());
-  return lost();
+  return kClosed;
 }
 
 bool ruxo_http_connection::is_idle() const {
@@ -407,10 +405,19 @@ void ruxo_http_connection::stop_if_idle() {
   if (is_idle()) destroy(true);
 }
 
+// Whether somebody else may still use the session.
+bool ruxo_http_connection::is_lent() const {
+  return state_ == State::floating || resumed_;
+}
+
+bool ruxo_http_connection::is_in_request() const {
+  return !is_idle() && state_ != State::lingering && !over_limit_;
+}
+
 bool ruxo_http_connection::cut() {
-  const bool in_request = !is_idle() && state_ != State::lingering && !over_limit_;
-  if (state_ == State::floating || resumed_) {
-    shutdown(fd_, SHUT_RDWR);  // the host's still; his response will find no way out
+  const bool in_request = is_in_request();
+  if (is_lent()) {
+    shutdown(fd_, SHUT_RDWR);  // whose response will find no way out
     return in_request;
   }
   running_ = true;
@@ -420,7 +427,11 @@ bool ruxo_http_connection::cut() {
 }
 
 bool ruxo_http_connection::abandon() {
-  const bool in_request = !is_idle() && state_ != State::lingering && !over_limit_;
+  const bool in_request = is_in_request();
+  if (is_lent() && !session_.response.ended.load(std::memory_order_acquire)) {
+    shutdown(fd_, SHUT_RDWR);  // what is not given back cannot be freed
+    return in_request;
+  }
   running_ = true;
   tell_aborted();
   destroy(false);

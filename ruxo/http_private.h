@@ -37,7 +37,8 @@ namespace ruxo::http {
 
 class Lane;
 
-// Where refused requests are told of: the stream "error/http" where the host has given it an outlet, else the global one.
+// Where refused requests are told of: the stream "error/http" where the host has given it an outlet, else the global
+// one.
 ruxo_log_stream_t error_log();
 
 // ---- Requests ----
@@ -328,9 +329,10 @@ struct ruxo_http_connection {
   int after_response();
   int linger();
   int too_slow();
-  int lost();
   void tell_aborted();
   bool is_idle() const;
+  bool is_lent() const;
+  bool is_in_request() const;
   void destroy(bool loop_runs);
 
   ruxo_http_server &server_;

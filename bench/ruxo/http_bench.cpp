@@ -1,7 +1,8 @@
 // The HTTP server with one loop thread, beside nginx with one worker that serves the same bytes; both in the same run,
-// over loopback. Goals: small GETs on keep-alive connections at least 0.6 of it (from the load tool wrk, a second each),
-// a mapped 64 MiB file at least 0.9 of it with sendfile. `ratio` is our rate by its. On a machine that does other things
-// too, `cpu_ratio` says more: the processor time that its worker took, by what our loop thread took, for the same work.
+// over loopback. Goals: small GETs on keep-alive connections at least 0.6 of it (from the load tool wrk, a second
+// each), a mapped 64 MiB file at least 0.9 of it with sendfile. `ratio` is our rate by its. On a machine that does
+// other things too, `cpu_ratio` says more: the processor time that its worker took, by what our loop thread took, for
+// the same work.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <fcntl.h>

@@ -21,6 +21,7 @@ char *abi_copy(const char *text); /* from malloc */
  * caller removes with what is left in it. */
 void call_ruxo_data(void);
 void call_ruxo_log(void);
+void call_http(void);
 void call_pobe(void);
 void call_vaskllhist(void);
 void call_init(void);

@@ -47,6 +47,7 @@ int main(void) {
   call_init();
   call_ruxo_data();
   call_ruxo_log();
+  call_http();
   call_pobe();
   call_vaskllhist();
   call_readers();

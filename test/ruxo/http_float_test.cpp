@@ -39,13 +39,13 @@ void add_back_and_end(Job &job) {
 }
 
 bool send_off(ruxo_http_session_ctx *ctx, std::function<void(Job &)> work,
-              std::function<void(Job &)> complete = add_back_and_end) {
+              std::function<void(Job &)> complete = add_back_and_end, eventer_jobq_t *queue = nullptr) {
   const eventer_t e = ruxo_http_connection_event_float(ruxo_http_session_connection(ctx));
   if (e == nullptr) return false;
   EXPECT_EQ(eventer_remove_fd(eventer_get_fd(e)), e);
   const eventer_t job = eventer_alloc_asynch(run_job, new Job{ctx, e, std::move(work), std::move(complete)});
   eventer_set_owner(job, eventer_get_owner(e));
-  eventer_add_asynch(nullptr, job);
+  eventer_add_asynch(queue, job);
   return true;
 }
 
@@ -223,6 +223,42 @@ TEST_P(HttpFloat, IsCutByAStopThatDoesNotWait) {
   stopped.once();
   while (!answered) std::this_thread::yield();
   for (unsigned i = 0; i < eventer_loop_count(); ++i) let_loop_pass(eventer_choose_owner(i));
+}
+
+// The loops go before the server: what has begun completes, what waits is cancelled, and nobody hears of it twice.
+TEST_P(HttpFloat, IsGivenBackWhenTheLoopsEnd) {
+  std::atomic<int> given_back = 0, aborted = 0;
+  Happened begun, ending;
+  eventer_jobq_t *const queue = eventer_jobq_create("float", 1);
+  host_.route("GET", "/job", [&](ruxo_http_session_ctx *ctx, ruxo_http_phase_t phase, std::string_view) {
+    if (phase == RUXO_HTTP_ABORTED) ++aborted;
+    if (phase != RUXO_HTTP_COMPLETE) return 0;
+    const auto work = [&](Job &) {
+      begun.once();
+      ending.wait();
+    };
+    const auto complete = [&](Job &job) {
+      ++given_back;
+      add_back_and_end(job);
+    };
+    EXPECT_TRUE(send_off(ctx, work, complete, queue));
+    begun.once();
+    return 0;
+  });
+  host_.listen();
+  HttpClient working(host_.port()), waiting(host_.port());
+  working.send(kGet);
+  begun.wait(2);
+  waiting.send(kGet);
+  begun.wait();
+  std::jthread end([] { eventer_stop(); });
+  while (eventer_jobq_backlog(queue) != 0) std::this_thread::yield();
+  ending.once();
+  end.join();
+  EXPECT_EQ(given_back, 2);
+  host_.stop(5000);
+  EXPECT_EQ(aborted, 0);
+  eventer_jobq_destroy(queue);
 }
 
 INSTANTIATE_TEST_SUITE_P(Loops, HttpFloat, testing::Values(1, 3));

@@ -1,5 +1,6 @@
 // What the server takes for a request: a table of what it refuses and how, every limit at its border, and what handlers
-// are told. Each case is sent at once and byte by byte, because what arrives together is no part of a request's meaning.
+// are told. Each case is sent at once and byte by byte, because what arrives together is no part of a request's
+// meaning.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-// A client of the HTTP server that is nothing but a socket, and a few lines that read responses: the independent side of
-// its tests. Nothing waits for ever: a read that gets nothing for ten seconds fails the test.
+// A client of the HTTP server that is nothing but a socket, and a few lines that read responses: the independent side
+// of its tests. Nothing waits for ever: a read that gets nothing for ten seconds fails the test.
 #ifndef TEST_SUPPORT_HTTP_CLIENT_H
 #define TEST_SUPPORT_HTTP_CLIENT_H
 
