@@ -116,10 +116,9 @@ std::string last_fault() {
 // Clients that speak something else too are told what this server speaks.
 int choose_protocol(SSL *, const unsigned char **chosen, unsigned char *chosen_len,
                     const unsigned char *offered, unsigned offered_len, void *) {
-  static const unsigned char kHttp11[] = "\x08http/1.1";
+  static const unsigned char kOurs[] = "\x08http/1.1\x08http/1.0";
   unsigned char *found = nullptr;
-  const int result =
-      SSL_select_next_proto(&found, chosen_len, kHttp11, sizeof kHttp11 - 1, offered, offered_len);
+  const int result = SSL_select_next_proto(&found, chosen_len, kOurs, sizeof kOurs - 1, offered, offered_len);
   *chosen = found;
   return result == OPENSSL_NPN_NEGOTIATED ? SSL_TLSEXT_ERR_OK : SSL_TLSEXT_ERR_ALERT_FATAL;
 }
