@@ -37,6 +37,11 @@ typedef enum {
 RUXO_EXPORT ruxo_json_object *ruxo_json_parse(const char *text);
 RUXO_EXPORT ruxo_json_object *ruxo_json_parse_n(const char *text, size_t len);
 
+/* The same for what the descriptor `fd` gives from its position to its end. Null, besides, when that is more than
+ * `max_bytes` (or RUXO_JSON_MAX_BYTES), or cannot be read; where the descriptor then stands is not said. It stays open
+ * and the caller's. */
+RUXO_EXPORT ruxo_json_object *ruxo_json_from_fd(int fd, size_t max_bytes);
+
 /* The compact text, which ruxo_json_parse() takes (unless the tree is deeper than its limit); members in the
  * order added, slashes not escaped, numbers that were parsed with a fraction as they were spelled. Owned by
  * the value and valid until its next change or text, or its end. Null when memory ran out. */

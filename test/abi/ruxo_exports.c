@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sched.h>
 #include <stdarg.h>
 #include <stdlib.h>
@@ -13,6 +14,7 @@
 #include "ruxo/lz4f.h"
 #include "ruxo/memory.h"
 #include "ruxo/skiplist.h"
+#include "ruxo/stats.h"
 #include "ruxo/util.h"
 #include "ruxo/uuid.h"
 #include "ruxo/zipkin.h"
@@ -180,6 +182,33 @@ static void call_json_readers(void) {
   o = ruxo_json_parse_n("[]and more", 2);
   CHECK(ruxo_json_type(o) == RUXO_JSON_ARRAY);
   ruxo_json_free(o);
+  abi_write_file("value.json", "[7]");
+  const int fd = open("value.json", O_RDONLY);
+  o = ruxo_json_from_fd(fd, 3);
+  CHECK(ruxo_json_array_length(o) == 1);
+  ruxo_json_free(o);
+  close(fd);
+}
+
+static double read_level(void *closure) {
+  return *(double *)closure;
+}
+
+static void call_stats(void) {
+  static double level = 0.5;
+  size_t len = 0;
+  stats_ns_t *ns = stats_ns_get(NULL, "abi");
+  stats_handle_t *counter = stats_register(ns, "calls", "kind=c", STATS_TYPE_COUNTER, "calls made");
+  stats_handle_t *gauge = stats_register(ns, "depth", NULL, STATS_TYPE_GAUGE, "how deep");
+  stats_handle_t *latency = stats_register(ns, "took", NULL, STATS_TYPE_LATENCY, "how long");
+  CHECK(stats_register_callback(ns, "level", NULL, read_level, &level, "how high") != NULL);
+  stats_add(counter, 3);
+  stats_set(gauge, 1.5);
+  stats_observe(latency, 0.25);
+  CHECK(stats_count(counter) == 3 && stats_value(gauge) == 1.5 && stats_count(latency) == 1);
+  char *text = stats_prometheus_text(&len);
+  CHECK(text != NULL && strlen(text) == len && strstr(text, "\nabi_calls_total{kind=\"c\"} 3\n") != NULL);
+  free(text);
 }
 
 static void call_lz4f(void) {
@@ -272,6 +301,7 @@ void call_ruxo_data(void) {
   call_lz4f();
   call_memory();
   call_skiplist();
+  call_stats();
   call_util_and_uuid();
 }
 
@@ -317,12 +347,40 @@ static void call_span(ruxo_log_stream_t ls) {
   ruxo_zipkin_span_free(span);
 }
 
+/* Nothing listens at the collector's URL: what is reported is dropped. */
+static void call_tracing(void) {
+  char header[64];
+  uint64_t sent = 1, dropped = 0;
+  CHECK(ruxo_zipkin_client_start("off") == NULL);
+  CHECK(ruxo_zipkin_report_to("http://127.0.0.1:1/", "abi", 1.0));
+  ruxo_zipkin_span *server =
+      ruxo_zipkin_server_start("GET", "00000000000000ff", NULL, "00000000000000fe", "1");
+  CHECK(ruxo_zipkin_span_trace_id(server) == 0xff);
+  ruxo_zipkin_set_active_span(server);
+  ruxo_zipkin_span *client = ruxo_zipkin_client_start("request");
+  CHECK(client != NULL && ruxo_zipkin_client_span() == client);
+  CHECK_TEXT(ruxo_zipkin_client_trace_header(header, sizeof header), "X-B3-TraceId: 00000000000000ff");
+  CHECK_TEXT(ruxo_zipkin_client_parent_header(header, sizeof header), "X-B3-ParentSpanId: 00000000000000fe");
+  CHECK(ruxo_zipkin_client_span_header(header, sizeof header) == header);
+  CHECK_TEXT(ruxo_zipkin_client_sampled_header(header, sizeof header), "X-B3-Sampled: 1");
+  ruxo_zipkin_span_annotate(client, ZIPKIN_CLIENT_SEND);
+  ruxo_zipkin_span_bannotate_i32(client, "http.status_code", 200);
+  ruxo_zipkin_span_bannotate_str(client, "http.uri", "http://peer/");
+  ruxo_zipkin_client_publish();
+  ruxo_zipkin_span_publish(server);
+  CHECK(ruxo_zipkin_active_span() == NULL && ruxo_zipkin_flush(60000));
+  ruxo_zipkin_reporter_counts(&sent, &dropped);
+  CHECK(sent == 0 && dropped == 2);
+  CHECK(ruxo_zipkin_report_to(NULL, NULL, 0));
+}
+
 void call_ruxo_log(void) {
   ruxo_log_stream_t ls = ruxo_log_stream_new("abi/log");
   CHECK(ruxo_error != NULL && ruxo_notice != NULL && ruxo_debug != NULL && ls != NULL);
   CHECK(ruxo_log_outlet_stderr(ruxo_false) != NULL);
   call_streams(ls, ruxo_log_outlet_memory());
   call_span(ls);
+  call_tracing();
   ruxo_log_stream_remove_outlets(ls);
   CHECK(!ruxo_log_has_material_output(ls));
 
