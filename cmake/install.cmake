@@ -40,8 +40,8 @@ function(orlith_pkgconfig name description requires requires_private)
   install(FILES ${CMAKE_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endfunction()
 orlith_pkgconfig(ruxo "application framework of liborlith" ""
-  "json-c uuid ck libxxhash liblz4 libxml-2.0 libssl libcrypto")
+  "json-c uuid ck libxxhash liblz4 libxml-2.0 libcurl libssl libcrypto")
 orlith_pkgconfig(pobe "metric names with tags" "" "")
 orlith_pkgconfig(vaskllhist "log-linear histograms" "" "")
-orlith_pkgconfig(liborlith "what every node of a time-series cluster agrees on" "ruxo pobe vaskllhist libxml-2.0"
-  "libcurl ck libcrypto")
+orlith_pkgconfig(liborlith "what every node of a time-series cluster agrees on" "ruxo pobe vaskllhist libxml-2.0 libcurl"
+  "ck libcrypto")

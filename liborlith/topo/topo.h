@@ -18,6 +18,7 @@
 #ifndef LIBORLITH_TOPO_H
 #define LIBORLITH_TOPO_H
 
+#include <curl/curl.h>
 #include <netinet/in.h>
 
 #include "ruxo/base.h"
@@ -30,7 +31,6 @@ RUXO_BEGIN_DECLS
 
 struct orlith_metric_locator;
 struct evp_md_ctx_st;
-struct curl_slist;
 struct _xmlDoc;
 
 #define TOPO_HASH_SIZE 32     /* bytes of a SHA-256 digest */
@@ -331,6 +331,30 @@ RUXO_EXPORT int topo_save(topo_config *tc);
  * that is none and for a port of 0, which no document may have. A write that fails or comes up short stops the process.
  * For topo_apply(). */
 RUXO_EXPORT int topo_write_entry(topo_config *tc, host_config *hc, void *c);
+
+/* ---- Requests to peers ----
+ * A URL names a peer by its node id (host_config's url_prefix); a request through a topology tells libcurl where that
+ * node really is, and which authorities to trust. Nothing here keeps state but the bundle for all topologies; requests
+ * may run on any number of threads. */
+
+/* The node's url_prefix, which lives as long as its topology. */
+RUXO_EXPORT const char *topo_host_config_url_prefix(const host_config *hc);
+/* The topology's connect-to list, which lives as long as it; null for null. */
+RUXO_EXPORT const struct curl_slist *topo_curl_connect_to(const topo_config *tc);
+/* Whether its nodes speak TLS; false for null. */
+RUXO_EXPORT bool topo_curl_tls_enabled(const topo_config *tc);
+/* Sets the path of the bundle of authorities (copied; null: none) for the peers of a topology or, with `tc` null, for
+ * topologies without one and requests without a topology. Without memory it stays as it was, and that is logged.
+ * Requests that run meanwhile may read the old path: for the time of configuration. */
+RUXO_EXPORT void topo_set_ca_chain(topo_config *tc, const char *ca_chain);
+/* Gives a handle the bundle of authorities (CURLOPT_CAINFO), if there is one, whether or not the topology uses TLS;
+ * and, with a topology, its connect-to list, which must outlive the handle's requests. What libcurl refuses is logged
+ * on the error stream, and the handle goes without it. */
+RUXO_EXPORT void topo_curl_setup(CURL *curl, const topo_config *tc);
+/* Sets a handle up and performs its request. URL, method, body and callbacks are the caller's to set, and so is the
+ * judgement of the result: nothing is retried or redirected. Returns what curl_easy_perform() does. The client span in
+ * progress on this thread (ruxo/zipkin.h) gets what libcurl knows about the answer, and is published. */
+RUXO_EXPORT CURLcode topo_curl_perform(CURL *curl, const topo_config *tc);
 
 RUXO_END_DECLS
 
