@@ -42,6 +42,7 @@ void call_histogram_line(void);
 void call_histogram_series(void);
 void call_nnt(void);
 void call_topo(void);
+void call_peers(void);
 void call_rollup(void);
 
 #endif

@@ -68,6 +68,7 @@ int main(void) {
   call_nnt();
   call_rollup();
   call_topo();
+  call_peers();
   CHECK(chdir("/") == 0 && nftw(folder, remove_entry, 8, FTW_DEPTH | FTW_PHYS) == 0);
   printf("%d checks, %d failed\n", checks, failures);
   return failures == 0 ? 0 : 1;
