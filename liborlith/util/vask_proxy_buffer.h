@@ -15,6 +15,7 @@
 #include <sys/types.h>
 
 #include "liborlith/util/http_header_parse.h"
+#include "ruxo/http.h"
 #include "ruxo/json.h"
 #include "ruxo/log.h"
 
@@ -69,8 +70,8 @@ RUXO_EXPORT CURL *vask_proxy_buffer_make_curl_object(CURL *curl, const char *url
 /* Requests `url` (null: the one that `curl` has) and spools the answer.
  *
  * `curl` may carry options of the caller's (a method, a body) or be null. `headers` (may be null) are sent besides
- * those for trace and task. `header_cb` (may be null) is called for each header of the answer, with keys in lower case, on
- * this thread; then the thread's stack must have room for somewhat over 1 MiB. `tc` (may be null) is the topology
+ * those for trace and task. `header_cb` (may be null) is called for each header of the answer, with keys in lower case,
+ * on this thread; then the thread's stack must have room for somewhat over 1 MiB. `tc` (may be null) is the topology
  * that knows the peer.
  *
  * Returns 0 when the peer has answered: with status 200 the body is kept, with any other it is dropped; look at
@@ -118,6 +119,12 @@ RUXO_EXPORT ssize_t vask_proxy_buffer_read_fd(vask_proxy_buffer_t *pb, void *buf
 /* Maps the body for reading; `flags` are mmap(2)'s. The map is made once, has `len` bytes and lives until the buffer
  * ends. Null without a body and when it cannot be mapped. */
 RUXO_EXPORT uint8_t *vask_proxy_buffer_mmap(vask_proxy_buffer_t *pb, int flags);
+/* Appends the body from `offset` on to a response, as ruxo_http_response_append_mmap_from_fd() does with the buffer's
+ * descriptor and its whole length: so an offset other than 0 asks for bytes beyond the end. The buffer may be destroyed
+ * before the response has been sent. False without a body, and when that call fails. */
+RUXO_EXPORT bool vask_proxy_buffer_ruxo_http_append_mmap_from_fd(vask_proxy_buffer_t *pb,
+                                                                 ruxo_http_session_ctx *ctx, int flags,
+                                                                 off_t offset);
 
 RUXO_END_DECLS
 

@@ -63,6 +63,7 @@ static void call_buffer(void) {
   char byte = 0;
   vask_proxy_buffer_t *pb = vask_proxy_buffer_new();
   CHECK(!vask_proxy_buffer_has_valid_fd(pb));
+  CHECK(!vask_proxy_buffer_ruxo_http_append_mmap_from_fd(pb, NULL, MAP_SHARED, 0));
   CHECK(vask_proxy_buffer_handle_curl_data((char[]){"[7]"}, 1, 3, pb) == 3);
   CHECK(vask_proxy_buffer_has_valid_fd(pb) && vask_proxy_buffer_get_len(pb) == 3);
   ruxo_json_object *o = vask_proxy_buffer_to_json_object(pb);
