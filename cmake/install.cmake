@@ -1,4 +1,4 @@
-# What `cmake --install` lays down: the libraries, the public headers under their own folders, the tool,
+# What `cmake --install` lays down: the libraries, the public headers under their own folders, the programs,
 # pkg-config files and a CMake package.
 #   find_package(liborlith) gives liborlith::liborlith, liborlith::ruxo, liborlith::pobe and liborlith::vaskllhist; the
 #   archives are liborlith::liborlith_static and so on.
@@ -10,7 +10,7 @@ install(TARGETS liborlith ruxo pobe vaskllhist EXPORT liborlithTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS liborlith_static ruxo_static pobe_static vaskllhist_static EXPORT liborlithStaticTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(TARGETS orlith RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS orlith orlithd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 # Headers that only a folder needs stay out.
 install(DIRECTORY liborlith ruxo pobe vaskllhist DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
