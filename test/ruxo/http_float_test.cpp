@@ -261,6 +261,60 @@ TEST_P(HttpFloat, IsGivenBackWhenTheLoopsEnd) {
   eventer_jobq_destroy(queue);
 }
 
+TEST_P(HttpFloat, IsTheHostsUntilItsEndThoughItIsBack) {
+  std::atomic<int> aborted = 0;
+  Happened back;
+  ruxo_http_session_ctx *kept = nullptr;
+  pthread_t owner = 0;
+  host_.route("GET", "/job", [&](ruxo_http_session_ctx *ctx, ruxo_http_phase_t phase, std::string_view) {
+    if (phase == RUXO_HTTP_ABORTED) ++aborted;
+    if (phase != RUXO_HTTP_COMPLETE) return 0;
+    EXPECT_TRUE(send_off(ctx, build, [&](Job &job) {
+      kept = job.ctx;
+      owner = eventer_get_owner(job.connection);
+      EXPECT_EQ(eventer_add(job.connection), 0);
+      back.once();
+    }));
+    return 0;
+  });
+  host_.listen();
+  HttpClient client(host_.port());
+  client.send(kGet);
+  back.wait();
+  let_loop_pass(owner);
+  client.reset();
+  let_loop_pass(owner);
+  EXPECT_EQ(host_.stop(20), 1U);
+  EXPECT_EQ(aborted, 0);
+  on_loop(owner, [&] { ruxo_http_response_end(kept); });
+}
+
+TEST_P(HttpFloat, IsNotToldOfItsEndTwiceWhenTheLoopsAreGone) {
+  std::atomic<int> aborted = 0;
+  Happened gone_off;
+  ruxo_http_session_ctx *kept = nullptr;
+  eventer_t event = nullptr;
+  host_.route("GET", "/job", [&](ruxo_http_session_ctx *ctx, ruxo_http_phase_t phase, std::string_view) {
+    if (phase == RUXO_HTTP_ABORTED) ++aborted;
+    if (phase != RUXO_HTTP_COMPLETE) return 0;
+    kept = ctx;
+    event = ruxo_http_connection_event_float(ruxo_http_session_connection(ctx));
+    EXPECT_EQ(eventer_remove_fd(eventer_get_fd(event)), event);
+    gone_off.once();
+    return 0;
+  });
+  host_.listen();
+  HttpClient client(host_.port());
+  client.send(kGet);
+  gone_off.wait();
+  eventer_stop();
+  ruxo_http_response_end(kept);
+  EXPECT_EQ(eventer_add(event), 0);  // waits for loops that do not come
+  EXPECT_EQ(host_.stop(1000), 1U);
+  EXPECT_EQ(aborted, 0);
+  EXPECT_TRUE(client.is_closed());
+}
+
 INSTANTIATE_TEST_SUITE_P(Loops, HttpFloat, testing::Values(1, 3));
 
 TEST(HttpFloatHasty, NoDeadlineRuns) {

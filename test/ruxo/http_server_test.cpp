@@ -348,6 +348,23 @@ TEST_F(HttpServer, AnAnswerBeforeTheBodyReachesAClientThatSendsItAll) {
   EXPECT_THAT(phases_, ElementsAre(RUXO_HTTP_HEAD));
 }
 
+// What is unread when a socket is closed resets the connection: the client would see that behind its answer, or instead.
+TEST_F(HttpServer, ARefusalIsNoReset) {
+  for (const std::string &request : {"nonsense\r\n\r\n" + std::string(50000, 'x'),
+                                     get("/hello", "Connection: close\r\n") + std::string(50000, 'x'),
+                                     post("/nowhere", std::string(50000, 'x'))}) {
+    HttpClient one = client();
+    one.send(request);
+    EXPECT_GE(one.response().status, 200);
+    EXPECT_TRUE(one.is_closed());
+    let_loop_pass(eventer_choose_owner(0));
+    int fault = 0;
+    socklen_t size = sizeof fault;
+    getsockopt(one.fd(), SOL_SOCKET, SO_ERROR, &fault, &size);
+    EXPECT_EQ(fault, 0);
+  }
+}
+
 // ---- Responses ----
 
 TEST_F(HttpServer, PutsAResponseTogether) {
