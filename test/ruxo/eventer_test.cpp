@@ -204,6 +204,9 @@ TEST(Eventer, TwoHundredFiftySixThreadsComeAndGo) {
 }
 
 TEST(Eventer, StartFailsWholeWithoutDescriptors) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the undefined-behaviour sanitizer needs descriptors itself to look at an exception";
+#endif
   struct rlimit old {};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
   struct rlimit low = old;

@@ -76,9 +76,18 @@ TEST_F(EventerTimer, ATimeThatIsPastRunsAtOnce) {
     add(when);
     called_.wait();
   }
-  struct timeval before_all = {std::numeric_limits<time_t>::min(), 0};
-  ASSERT_EQ(eventer_add(eventer_alloc_timer(Handler::call, &handler_, &before_all)), 0);
+}
+
+TEST_F(EventerTimer, TheEarliestTimeThereIsRunsAtOnce) {
+  ASSERT_EQ(eventer_start(1), 0);
+  Handler handler([&](eventer_t, int, const struct timeval &) {
+    called_.once();
+    return 0;
+  });
+  const struct timeval before_all = {std::numeric_limits<time_t>::min(), 0};
+  ASSERT_EQ(eventer_add(eventer_alloc_timer(Handler::call, &handler, &before_all)), 0);
   called_.wait();
+  eventer_stop();  // while the handler is there
 }
 
 TEST_F(EventerTimer, ATimeThatNeverComesIsFine) {
