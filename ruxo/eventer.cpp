@@ -225,7 +225,9 @@ ruxo_event::ruxo_event(EventKind its_kind, eventer_func_t its_function, void *it
     : kind(its_kind), function(its_function), closure(its_closure), owner(current_loop_thread()) {}
 
 void ruxo_event::release() noexcept {
+#ifndef __clang_analyzer__  // which does not count, and takes every release for the last
   if (references.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+#endif
 }
 
 void ruxo::on_wait_ended(ruxo_event &e, uint64_t registration, int bit) noexcept {
