@@ -64,9 +64,9 @@ class ruxo::http::RequestParser::Policy final : public ::http::basic_parser<true
   }
 
   void on_request_impl(::http::verb, Piece method, Piece target, int version, error_code &ec) override {
-    Request &request = owner_.request;
-    request.http11 = version == 11;
-    request.method = request.keep(view(method));
+    Request &into = owner_.request;
+    into.http11 = version == 11;
+    into.method = into.keep(view(method));
     if (target.size() > owner_.max_url()) return refuse(414, "the URL is too long", ec);
     if (!set_target(view(method), view(target))) refuse(400, "the request target is not valid", ec);
   }
@@ -85,11 +85,11 @@ class ruxo::http::RequestParser::Policy final : public ::http::basic_parser<true
         return false;
       target.remove_prefix(host_end);
     }
-    Request &request = owner_.request;
+    Request &into = owner_.request;
     const size_t mark = target.find('?');
     const std::string_view path = target.substr(0, mark);
-    request.path = request.keep(path.empty() ? "/" : path);
-    if (mark != std::string_view::npos) request.query = request.keep(target.substr(mark + 1));
+    into.path = into.keep(path.empty() ? "/" : path);
+    if (mark != std::string_view::npos) into.query = into.keep(target.substr(mark + 1));
     return true;
   }
 
@@ -105,9 +105,9 @@ class ruxo::http::RequestParser::Policy final : public ::http::basic_parser<true
     if (++field_count_ > owner_.limits_.max_headers) return refuse(431, "too many header fields", ec);
     if (is_folded(view(name), view(value))) return refuse(400, "a header field is folded", ec);
     if (is_header_done()) return;  // a trailer field: what it says comes too late to be believed
-    Request &request = owner_.request;
-    const size_t name_at = request.keep(view(name));
-    request.fields.push_back({name_at, name.size(), request.keep(view(value))});
+    Request &into = owner_.request;
+    const size_t name_at = into.keep(view(name));
+    into.fields.push_back({name_at, name.size(), into.keep(view(value))});
     switch (field) {
       case ::http::field::host:
         return on_host(view(value), ec);
@@ -117,7 +117,7 @@ class ruxo::http::RequestParser::Policy final : public ::http::basic_parser<true
         return on_transfer_encoding(view(value), ec);
       case ::http::field::expect:
         if (!iequals(value, "100-continue")) return refuse(417, "an unknown expectation", ec);
-        request.expects_continue = true;
+        into.expects_continue = true;
         return;
       default:
         return;
@@ -148,13 +148,13 @@ class ruxo::http::RequestParser::Policy final : public ::http::basic_parser<true
   }
 
   void on_header_impl(error_code &ec) override {
-    Request &request = owner_.request;
-    if (request.http11 && !has_host_) return refuse(400, "no Host field", ec);
+    Request &into = owner_.request;
+    if (into.http11 && !has_host_) return refuse(400, "no Host field", ec);
     const uint64_t length = content_length().value_or(0);
     if (length > INT64_MAX) return refuse(413, "the body is too long", ec);
-    request.content_length = chunked() ? -1 : static_cast<int64_t>(length);
-    request.keep_alive = keep_alive();
-    if (!request.http11 || !request.has_body()) request.expects_continue = false;
+    into.content_length = chunked() ? -1 : static_cast<int64_t>(length);
+    into.keep_alive = keep_alive();
+    if (!into.http11 || !into.has_body()) into.expects_continue = false;
   }
 
   size_t on_body_impl(Piece body, error_code &) override {

@@ -348,7 +348,8 @@ TEST_F(HttpServer, AnAnswerBeforeTheBodyReachesAClientThatSendsItAll) {
   EXPECT_THAT(phases_, ElementsAre(RUXO_HTTP_HEAD));
 }
 
-// What is unread when a socket is closed resets the connection: the client would see that behind its answer, or instead.
+// What is unread when a socket is closed resets the connection: the client would see that behind its answer, or
+// instead of it.
 TEST_F(HttpServer, ARefusalIsNoReset) {
   for (const std::string &request : {"nonsense\r\n\r\n" + std::string(50000, 'x'),
                                      get("/hello", "Connection: close\r\n") + std::string(50000, 'x'),
