@@ -67,7 +67,9 @@ class ruxo::http::RequestParser::Policy final : public ::http::basic_parser<true
     Request &into = owner_.request;
     into.http11 = version == 11;
     into.method = into.keep(view(method));
-    if (target.size() > owner_.max_url()) return refuse(414, "the URL is too long", ec);
+    const size_t line_len = method.size() + target.size() + strlen("  HTTP/1.1\r\n");
+    const Refusal too_much = owner_.too_long_line(method.size(), target.size(), line_len);
+    if (too_much.status != 0) return refuse(too_much.status, too_much.reason, ec);
     if (!set_target(view(method), view(target))) refuse(400, "the request target is not valid", ec);
   }
 
@@ -261,18 +263,24 @@ Refusal RequestParser::meaning_of_fault(std::string_view line) const {
   return {400, "the request is malformed"};
 }
 
-// A URL that is too long for the header is too long.
-size_t RequestParser::max_url() const {
-  return std::min(limits_.max_url, limits_.max_header_bytes);
-}
-
-// `rest` is what could not be understood yet, for want of its end.
+// `rest` is what could not be understood yet, for want of its end. A request line beyond the header's limit has too
+// long a URL, unless its method alone is beyond it: the same whether its end has come yet or not.
 Refusal RequestParser::too_long(std::string_view rest) const {
-  if (head_bytes_ == 0 && rest.size() > max_url()) {
-    const std::string_view target = rest.substr(std::min(rest.find(' '), rest.size() - 1) + 1);
-    if (std::min(target.find(' '), target.size()) > max_url()) return {414, "the URL is too long"};
+  if (head_bytes_ == 0 && !rest.empty()) {
+    const std::string_view line = rest.substr(0, std::min(rest.find('\n'), rest.size() - 1) + 1);
+    const size_t method_len = std::min(line.find(' '), line.size());
+    const std::string_view target = line.substr(std::min(method_len + 1, line.size()));
+    const Refusal found = too_long_line(method_len, std::min(target.find(' '), target.size()), line.size());
+    if (found.status != 0) return found;
   }
   if (head_bytes_ + rest.size() > limits_.max_header_bytes) return {431, "the header is too long"};
+  return {};
+}
+
+Refusal RequestParser::too_long_line(size_t method_len, size_t target_len, size_t line_len) const {
+  if (method_len > limits_.max_header_bytes) return {431, "the header is too long"};
+  if (target_len > limits_.max_url || line_len > limits_.max_header_bytes)
+    return {414, "the URL is too long"};
   return {};
 }
 

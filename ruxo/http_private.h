@@ -105,7 +105,7 @@ class RequestParser {
   Step body_step(std::string_view *input);
   Step refuse(int status, const char *reason);
   Refusal meaning_of_fault(std::string_view line) const;
-  size_t max_url() const;
+  Refusal too_long_line(size_t method_len, size_t target_len, size_t line_len) const;
   Refusal too_long(std::string_view rest) const;
 
   const ruxo_http_limits_t &limits_;

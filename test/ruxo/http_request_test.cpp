@@ -305,13 +305,17 @@ TEST_F(HttpRequest, TheUrlIsLimited) {
   EXPECT_EQ(answer("GET /" + std::string(100, 'a')), "414 the URL is too long\n");
 }
 
-TEST_F(HttpRequest, TheUrlIsLimitedAlsoWhereTheHeaderIsShorter) {
+TEST_F(HttpRequest, ARequestLineBeyondTheHeadersLimitHasTooLongAUrl) {
   ruxo_http_limits_t limits = http_limits();
   limits.max_header_bytes = 100;
   start(limits);
   for (const bool slowly : {false, true}) {
-    EXPECT_EQ(status(get("/" + std::string(99, 'a')), slowly), 431);
-    EXPECT_EQ(status(get("/" + std::string(100, 'a')), slowly), 414);
+    EXPECT_EQ(status(get("/" + std::string(84, 'a')), slowly),
+              431);  // a line of 100 bytes, and then the Host
+    for (const size_t len : {85U, 95U, 96U, 99U, 100U, 101U, 200U})
+      EXPECT_EQ(status(get("/" + std::string(len, 'a')), slowly), 414) << len;
+    EXPECT_EQ(status(std::string(100, 'G') + " / HTTP/1.1\r\n\r\n", slowly), 414);
+    EXPECT_EQ(status(std::string(101, 'G') + " / HTTP/1.1\r\n\r\n", slowly), 431);
   }
   EXPECT_EQ(status("GET /" + std::string(8192, 'a')), 414);
 }
