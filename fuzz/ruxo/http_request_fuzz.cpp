@@ -3,11 +3,14 @@
 // the refusal of a request that is not complete may then be missing, or be another one. The first byte says where they
 // are cut.
 #include <arpa/inet.h>
+#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -24,9 +27,13 @@ struct Response {
   std::string body;
 };
 
-void check(bool holds) {
-  if (!holds) abort();
+// Says which one, because what depends on time may not come again.
+void check_at(bool holds, int line) {
+  if (holds) return;
+  fprintf(stderr, "http_request_fuzz.cpp:%d does not hold, errno %d\n", line, errno);
+  abort();
 }
+#define check(condition) check_at((condition), __LINE__)
 
 // Answers with all that it was told.
 int answer(ruxo_http_session_ctx *ctx, ruxo_http_phase_t phase, const void *bytes, size_t len, void *) {
@@ -65,17 +72,31 @@ int start() {
   return port;
 }
 
-std::string exchange(int port, std::string_view first, std::string_view second) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+sockaddr_in loopback(uint32_t host, int port) {
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK + host);
+  return address;
+}
+
+// A connection of its own for each input. The system keeps the ports of those that ended for a minute, so many
+// addresses share them.
+int connected(int port) {
+  static uint32_t count = 0;
+  const sockaddr_in own = loopback(256 + count++ % 65536, 0);
+  const sockaddr_in server = loopback(0, port);
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int on = 1;
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  const struct linger at_once = {1, 0};  // so that not every input holds a port for a minute
-  setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
-  check(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0);
+  setsockopt(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
+  check(bind(fd, reinterpret_cast<const sockaddr *>(&own), sizeof own) == 0);
+  check(connect(fd, reinterpret_cast<const sockaddr *>(&server), sizeof server) == 0);
+  return fd;
+}
+
+std::string exchange(int port, std::string_view first, std::string_view second) {
+  const int fd = connected(port);
   std::string received;
   char piece[4096];
   if (!first.empty()) send(fd, first.data(), first.size(), MSG_NOSIGNAL);
@@ -84,7 +105,10 @@ std::string exchange(int port, std::string_view first, std::string_view second) 
     send(fd, second.data(), second.size(), MSG_NOSIGNAL);
   }
   shutdown(fd, SHUT_WR);
-  for (ssize_t n; (n = recv(fd, piece, sizeof piece, 0)) > 0;) received.append(piece, static_cast<size_t>(n));
+  for (ssize_t n; (n = recv(fd, piece, sizeof piece, 0)) != 0;) {
+    if (n > 0) received.append(piece, static_cast<size_t>(n));
+    check(n > 0 || errno == EINTR);  // a reset is no end either
+  }
   close(fd);
   return received;
 }

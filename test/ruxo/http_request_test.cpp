@@ -201,6 +201,7 @@ const Refused kRefused[] = {
     {"a chunk without a size", chunked("\r\nabc\r\n0\r\n\r\n"), kBody},
     {"a chunk whose size is no number", chunked("g\r\n"), kBody},
     {"a negative chunk", chunked("-1\r\n"), kBody},
+    {"a first chunk of nothing and then no end", chunked("0\r\nx\r\n\r\n"), kBody},
     {"a chunk with 0x", chunked("0x1\r\na\r\n0\r\n\r\n"), kBody},
     {"a blank before a chunk's size", chunked(" 1\r\na\r\n0\r\n\r\n"), kBody},
     {"a chunk of 2 to the 64", chunked("10000000000000000\r\n"), kBody},

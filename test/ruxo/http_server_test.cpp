@@ -161,6 +161,19 @@ TEST_F(HttpServer, UnderstandsRequestsByteByByte) {
   EXPECT_EQ(one.response().body, "/echo/x");
 }
 
+// The last bytes of a body are seen one at a time, whatever the network does.
+TEST_F(HttpServer, UnderstandsTheEndOfAChunkedBodyPieceByPiece) {
+  for (const std::string body : {"0\r\n\r\n", "00\r\n\r\n", "0\r\nA: b\r\n\r\n", "1\r\nx\r\n0\r\n\r\n"}) {
+    HttpClient one = client();
+    one.send(chunked_post("/upload", ""));
+    for (const char byte : body) {
+      let_loop_pass(eventer_choose_owner(0));
+      one.send({&byte, 1});
+    }
+    EXPECT_EQ(one.response().body, body[0] == '1' ? "-1:x" : "-1:") << body;
+  }
+}
+
 TEST_F(HttpServer, ForgivesAnEmptyLineBeforeARequest) {
   HttpClient one = client();
   EXPECT_EQ(one.request("\r\n" + get("/hello")).body, "hello");
