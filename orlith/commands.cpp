@@ -23,6 +23,8 @@
   X(index_tags)            \
   X(index_stats)           \
   X(index_verify)          \
+  X(where)                 \
+  X(put)                   \
   X(hist_show)             \
   X(hist_verify)           \
   X(completion)            \
