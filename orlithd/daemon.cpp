@@ -9,15 +9,18 @@
 #include <cstring>
 
 #include "liborlith/liborlith_init.h"
+#include "liborlith/util/vask_proxy_buffer.h"
 #include "orlith/exit_code.h"
 #include "orlith/text.h"
 #include "orlithd/exchange.h"
 #include "orlithd/handlers.h"
+#include "orlithd/metrics.h"
 #include "orlithd/node.h"
 
 namespace {
 
-constexpr unsigned kJobThreads = 4;
+constexpr unsigned kDiskThreads = 4;
+constexpr unsigned kPeerThreads = 16;
 
 void say(std::string_view message) {
   fmt::print(stderr, "orlithd: {}\n", message);
@@ -93,6 +96,13 @@ void let_signals_kill() {
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
+// Once in a process, before other threads use libcurl.
+void prepare_for_peers(const Options &options) {
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  vask_proxy_buffer_init(options.data.c_str(), options.peer_connect_timeout_ms);
+  if (!options.tls_authorities.empty()) topo_set_ca_chain(nullptr, options.tls_authorities.c_str());
+}
+
 int serve(ruxo_http_server_t *server, const Options &options, Node *node, ruxo_log_outlet_t outlet) {
   if (add_routes(server, node) != 0 || listen(server, options, *node) == 0) {
     ruxo_http_server_stop(server, 0);
@@ -133,22 +143,27 @@ int run_daemon(const Options &options) {
     say(fault);
     return exit_failed;
   }
+  prepare_for_peers(options);
+  node.peer_timeout_ms = static_cast<int>(options.peer_timeout_ms);
   node.max_upload_bytes = options.max_upload_bytes;
   node.min_free_bytes = options.min_free_bytes;
   if (eventer_start(options.threads) != 0) {
     say("the loop threads cannot be started");
     return exit_failed;
   }
-  node.jobs = eventer_jobq_create("node", kJobThreads);
+  node.jobs = eventer_jobq_create("disk", kDiskThreads);
+  node.peers = eventer_jobq_create("peers", kPeerThreads);
+  register_metrics(&node);
   ruxo_http_server_t *const server = ruxo_http_server_new(nullptr);
   int code = exit_failed;
-  if (node.jobs == nullptr || server == nullptr) {
+  if (node.jobs == nullptr || node.peers == nullptr || server == nullptr) {
     say("out of memory");
   } else {
     code = serve(server, options, &node, outlet);
   }
   eventer_stop();
   eventer_jobq_destroy(node.jobs);
+  eventer_jobq_destroy(node.peers);
   ruxo_log_flush();
   return code;
 }

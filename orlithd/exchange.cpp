@@ -4,6 +4,7 @@
 
 #include <new>
 
+#include "orlithd/metrics.h"
 #include "ruxo/json.h"
 
 ruxo_log_stream_t request_log = nullptr;
@@ -60,5 +61,6 @@ void Exchange::end(int status, size_t body_bytes) noexcept {
   ruxo_log(request_log, "%s %s %s %d %zu %lld us\n", ruxo_http_request_peer(ctx_),
            ruxo_http_request_method(ctx_), ruxo_http_request_path(ctx_), status, body_bytes,
            static_cast<long long>(taken.count()));
+  count_answer(status, body_bytes, std::chrono::duration<double>(taken).count());
   ruxo_http_response_end(ctx_);
 }

@@ -10,6 +10,8 @@
 void get_state(Node &node, Exchange &exchange);
 void get_topology(Node &node, Exchange &exchange);  // /topology/xml/<signature>
 void get_nnt(Node &node, Exchange &exchange);       // /nnt/<period>/<check uuid>/<path form>
+void get_proxy(Node &node, Exchange &exchange);     // /proxy/nnt/<period>/<check uuid>/<path form>
+void get_metrics(Node &node, Exchange &exchange);
 void get_livez(Node &node, Exchange &exchange);
 void get_readyz(Node &node, Exchange &exchange);
 

@@ -65,6 +65,8 @@ void add_options(CLI::App &app, Options *options) {
   app.add_option("--tls-cert", options->tls_certificate, "answer over TLS with this certificate chain (PEM)")
       ->type_name("FILE");
   app.add_option("--tls-key", options->tls_key, "the certificate's key (PEM)")->type_name("FILE");
+  app.add_option("--tls-ca", options->tls_authorities, "the authorities of the peers' certificates (PEM)")
+      ->type_name("FILE");
   app.add_option("--threads", options->threads, "loop threads (default: 2)")
       ->type_name("COUNT")
       ->check(CLI::Range(1, 256));
@@ -132,10 +134,13 @@ std::optional<int> read_config(const CLI::App &app, Options *options) {
   file.small("--grace", "/orlith/node/@grace", 0, 86400, &options->grace_s);
   file.text("--tls-cert", "/orlith/tls/@certificate", &options->tls_certificate, true);
   file.text("--tls-key", "/orlith/tls/@key", &options->tls_key, true);
+  file.text("--tls-ca", "/orlith/tls/@authorities", &options->tls_authorities, true);
   file.text("--log", "/orlith/log/@file", &options->log_file, true);
   if (!file.given("--log-json") &&
       ruxo_conf_get_boolean(nullptr, "/orlith/log/@json", &options->log_json) == RUXO_CONF_INVALID)
     file.valid = false;  // told on the log
+  file.small(nullptr, "/orlith/peers/@connect_timeout_ms", 1, 3600000, &options->peer_connect_timeout_ms);
+  file.small(nullptr, "/orlith/peers/@timeout_ms", 1, 86400000, &options->peer_timeout_ms);
   file.number(nullptr, "/orlith/upload/@max_bytes", 1, UINT64_MAX, &options->max_upload_bytes);
   file.number(nullptr, "/orlith/upload/@min_free_bytes", 0, UINT64_MAX, &options->min_free_bytes);
   if (!file.valid) return exit_damaged;

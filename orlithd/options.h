@@ -14,10 +14,13 @@ struct Options {
   std::string listen;    // "ADDR:PORT"; empty: the node's own address and API port in the topology
   std::string tls_certificate;
   std::string tls_key;
-  std::string log_file;  // empty: standard error
+  std::string tls_authorities;  // whom peers' certificates must come from
+  std::string log_file;         // empty: standard error
   bool log_json = false;
   unsigned threads = 2;
   unsigned grace_s = 10;
+  unsigned peer_connect_timeout_ms = 1000;
+  unsigned peer_timeout_ms = 60000;
   uint64_t max_upload_bytes = uint64_t{1} << 30;
   uint64_t min_free_bytes = uint64_t{16} << 20;
 };

@@ -34,9 +34,10 @@ int add_routes(ruxo_http_server_t *server, Node *node) {
     const char *path;
     ruxo_http_handler_f handler;
   } gets[] = {
-      {"/state", on_complete<get_state>},   {"/topology/xml/", on_complete<get_topology>},
-      {"/nnt/", on_complete<get_nnt>},      {"/livez", on_complete<get_livez>},
-      {"/readyz", on_complete<get_readyz>}, {"/", on_complete<get_unknown>},
+      {"/state", on_complete<get_state>},      {"/topology/xml/", on_complete<get_topology>},
+      {"/nnt/", on_complete<get_nnt>},         {"/livez", on_complete<get_livez>},
+      {"/readyz", on_complete<get_readyz>},    {"/metrics", on_complete<get_metrics>},
+      {"/proxy/nnt/", on_complete<get_proxy>}, {"/", on_complete<get_unknown>},
   };
   for (const auto &[path, handler] : gets)
     if (ruxo_http_server_route(server, "GET", path, 0, handler, node) != 0) return -1;

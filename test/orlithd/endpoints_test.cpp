@@ -143,7 +143,8 @@ TEST_F(Endpoints, EveryPathParameterRefusesTraversal) {
   folder_.dir.write("secret.nnt", "secret");
   start();
   for (const char *prefix :
-       {"/nnt/", "/nnt/60/", "/nnt/60/6f2d1c66-9d0e-4c35-8a35-0123456789ab/", "/topology/xml/"}) {
+       {"/nnt/", "/nnt/60/", "/nnt/60/6f2d1c66-9d0e-4c35-8a35-0123456789ab/", "/topology/xml/", "/proxy/nnt/",
+        "/proxy/nnt/60/", "/proxy/nnt/60/6f2d1c66-9d0e-4c35-8a35-0123456789ab/"}) {
     for (const char *path : {"../secret", "..%2fsecret", "%2e%2e/secret", "%2e%2e%2fsecret",
                              "..%2F..%2Fsecret", "./secret", "/secret", "%2fsecret", "a/../../secret", "..",
                              ".", "", "secret%00", "%", "%zz", "..%5csecret", "a//b", "a%0ab"}) {
@@ -263,6 +264,29 @@ TEST_F(Endpoints, ReadyzNamesTheCause) {
   EXPECT_THAT(response.body, MatchesRegex("running: ok\ntopology: ok\nroom: [0-9]+ bytes are free, expected "
                                           "18446744073709551615\nnot ready\n"));
   EXPECT_THAT(ask(get("/readyz")).body, MatchesRegex("room: [^\n]*\nnot ready\n"));
+}
+
+// The value of a metric in a Prometheus text; -1 where it is missing.
+double metric(const std::string &text, const std::string &name) {
+  const size_t at = ("\n" + text).find("\n" + name + " ");
+  return at == std::string::npos ? -1 : std::stod(text.substr(at + name.size() + 1));
+}
+
+TEST_F(Endpoints, Metrics) {
+  start();
+  ask(get("/livez"));
+  ask(get("/livez"));
+  ask(get("/nothing"));
+  const HttpResponse response = ask(get("/metrics"));
+  EXPECT_EQ(response.status, 200);
+  EXPECT_EQ(response.header("Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
+  EXPECT_EQ(metric(response.body, "orlithd_answers_total{status=\"2xx\"}"), 2);
+  EXPECT_EQ(metric(response.body, "orlithd_answers_total{status=\"4xx\"}"), 1);
+  EXPECT_EQ(metric(response.body, "orlithd_answer_seconds_count"), 3);
+  EXPECT_EQ(metric(response.body, "orlithd_waiting_jobs{queue=\"peers\"}"), 0);
+  EXPECT_GT(metric(response.body, "orlithd_free_bytes"), 0);
+  EXPECT_GE(metric(response.body, "orlithd_uptime_seconds"), 0);
+  EXPECT_THAT(response.body, HasSubstr("# TYPE orlithd_answers_total counter\n"));
 }
 
 TEST_F(Endpoints, PathsAndMethodsThatAreUnknown) {
