@@ -1,7 +1,7 @@
 // Input of arbitrary bytes through a whole run of ingestion, into a folder in memory: the first byte chooses whether
 // lines carry a source and how often the run is cut into checkpoints. Every file of numbers that comes of it must hold
-// whole records with right checksums, every file of histograms must be a series of whole entries, and the run must
-// account for every line.
+// whole records with right checksums, every file of histograms must be a series of whole entries, the index must stand
+// up to its verification, and the run must account for every line.
 #include <fcntl.h>
 #include <libxml/tree.h>
 #include <stdlib.h>
@@ -20,6 +20,7 @@
 #include "liborlith/util/histogram_series.h"
 #include "orlith/ingest_run.h"
 #include "orlith/ingest_summary.h"
+#include "orlith/metric_index.h"
 #include "orlith/topology_file.h"
 #include "ruxo/json.h"
 #include "ruxo/log.h"
@@ -87,7 +88,14 @@ void require_sound_series(const std::string &bytes) {
   histogram_series_free(series);
 }
 
+void require_sound_index(const std::string &path) {
+  Problem problem;
+  const auto index = MetricIndex::open(path, &problem);
+  require(index != nullptr && index->verify().empty());
+}
+
 void require_sound_file(const fs::path &path) {
+  if (path.filename() == kIndexFile) return require_sound_index(path);
   const bool is_series = path.extension() == ".hss";
   require(is_series || path.string().ends_with(".nnt"));  // an empty name has nothing before it
   // A far apart pair of times makes a long file of nothing.
