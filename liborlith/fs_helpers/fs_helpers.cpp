@@ -48,7 +48,8 @@ bool resolve(void *library) noexcept {
     found[i] = dlsym(library, kSymbols[i]);
     if (found[i] != nullptr) continue;
     const char *const reason = dlerror();
-    ruxo_log(ruxo_notice, "Cannot locate %s function: %s\n", kSymbols[i], reason != nullptr ? reason : "it is null");
+    ruxo_log(ruxo_notice, "Cannot locate %s function: %s\n", kSymbols[i],
+             reason != nullptr ? reason : "it is null");
     return false;
   }
   memcpy(&zfs, found, sizeof zfs);

@@ -11,6 +11,12 @@
 #ifndef LIBORLITH_TOPO_ORLITH_CLIENT_H
 #define LIBORLITH_TOPO_ORLITH_CLIENT_H
 
+/* Strict ISO C hides the read-write lock. A host that compiles as such, and includes another header of the system
+ * first, asks for POSIX itself. */
+#if defined(__STRICT_ANSI__) && !defined(_XOPEN_SOURCE) && !defined(__cplusplus)
+#define _XOPEN_SOURCE 700
+#endif
+
 #include <pthread.h>
 
 #include "liborlith/topo/topo.h"

@@ -42,7 +42,8 @@ typedef struct _http_header_parse_ctx_t {
 } http_header_parse_ctx_t;
 
 /* Prepares a context: `cb` (not null) is called for each header with `closure`. */
-RUXO_EXPORT void http_header_parse_ctx_init(http_header_parse_ctx_t *ctx, http_header_parse_f cb, void *closure);
+RUXO_EXPORT void http_header_parse_ctx_init(http_header_parse_ctx_t *ctx, http_header_parse_f cb,
+                                            void *closure);
 
 /* Forgets the line; the callback and the bytes of the buffer stay. */
 RUXO_EXPORT void http_header_parse_ctx_reset(http_header_parse_ctx_t *ctx);

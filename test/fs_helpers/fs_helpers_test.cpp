@@ -215,8 +215,7 @@ TEST_F(Zfs, OneThreadLoadsWhileTheOthersWait) {
   provide("libzfs.so.2", "whole");
   std::vector<std::thread> threads;
   std::atomic<int> right = 0;
-  for (int n = 0; n < 8; ++n)
-    threads.emplace_back([&] { right += figures_of("/").ratio == 2.37 ? 1 : 0; });
+  for (int n = 0; n < 8; ++n) threads.emplace_back([&] { right += figures_of("/").ratio == 2.37 ? 1 : 0; });
   for (std::thread &thread : threads) thread.join();
   EXPECT_EQ(right, 8);
   EXPECT_THAT(asked_for, SizeIs(1));

@@ -24,7 +24,9 @@ class HttpHeaderParse : public testing::Test {
   HttpHeaderParse() {
     http_header_parse_ctx_init(
         ctx_.get(),
-        [](char *key, char *value, void *closure) { static_cast<Headers *>(closure)->emplace_back(key, value); },
+        [](char *key, char *value, void *closure) {
+          static_cast<Headers *>(closure)->emplace_back(key, value);
+        },
         &headers_);
   }
 
@@ -74,7 +76,8 @@ TEST_F(HttpHeaderParse, SplitsAtTheFirstColon) {
 }
 
 TEST_F(HttpHeaderParse, PassesOverLinesWithoutAColonOrWithoutAnEnd) {
-  for (const char *line : {"no colon\r\n", "a: b", "a: b\n", "a: b\r", ":", "a:"}) EXPECT_EQ(parse(line), strlen(line));
+  for (const char *line : {"no colon\r\n", "a: b", "a: b\n", "a: b\r", ":", "a:"})
+    EXPECT_EQ(parse(line), strlen(line));
   EXPECT_THAT(headers_, IsEmpty());
 }
 
