@@ -37,6 +37,7 @@ inline uint64_t naive_timestamp(const char *at) {
 // False when the type letter is unknown.
 inline bool naive_value(char letter, const char *at, NaiveLine &out) {
   out.value.type = static_cast<unsigned char>(letter);
+  out.value.storage.v_uint64 = 0;  // {} cleared the first member only
   if (strcmp(at, "[[null]]") == 0 || strcmp(at, "[[null]]\n") == 0) {
     out.value.is_null = true;
     return true;
