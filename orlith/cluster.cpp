@@ -9,14 +9,14 @@
 
 namespace {
 
-// Clients are kept: one that is given back frees neither itself nor its topology, so they would be lost.
+// Clients are kept to the very end: one that is given back frees neither itself nor its topology, so they would be lost.
 orlith_client_t *new_client(const ClusterOptions &options) {
-  static std::vector<orlith_client_t *> clients;
+  static auto *const clients = new std::vector<orlith_client_t *>;
   std::vector<char *> boot;
   for (const std::string &url : options.boot) boot.push_back(const_cast<char *>(url.c_str()));
   orlith_client_t *const client = orlith_client_alloc(static_cast<int>(boot.size()), boot.data());
   if (client == nullptr) throw std::bad_alloc();
-  clients.push_back(client);
+  clients->push_back(client);
   constexpr int kConnectTimeout_ms = 1000;
   orlith_client_set_connecttimeout(client, kConnectTimeout_ms);
   orlith_client_set_timeout(client, static_cast<int>(options.timeout_s * 1000));

@@ -63,6 +63,8 @@ int ServedTopology::load(const std::string &file, const std::string &me, std::st
   }
   self = topo_contains(topology, id);
   if (self == nullptr) {
+    topo_free(topology);
+    topology = nullptr;
     *fault = fmt::format("{}: no node has the id {}", escaped(file), in_quotes(me));
     return exit_not_found;
   }
