@@ -194,7 +194,7 @@ class JoinNextCycle : public testing::Test {
   }
 
   std::atomic<int> completions_ = 0;
-  pthread_t thread_{};
+  std::atomic<pthread_t> thread_{};  // of the latest completion
   Happened completed_;
 };
 
@@ -208,7 +208,7 @@ TEST_F(JoinNextCycle, NeverCompletesWithinTheCallButOnALaterCycleOfItsLoop) {
       EXPECT_EQ(join->wait_count, 1U);
     });
     completed_.wait();
-    EXPECT_EQ(thread_, eventer_choose_owner(i));
+    EXPECT_EQ(thread_.load(), eventer_choose_owner(i));
     completions_ = 0;
   }
 }
