@@ -9,7 +9,8 @@
 
 namespace {
 
-// Clients are kept to the very end: one that is given back frees neither itself nor its topology, so they would be lost.
+// Clients are kept to the very end: one that is given back frees neither itself nor its topology, and these would be
+// lost.
 orlith_client_t *new_client(const ClusterOptions &options) {
   static auto *const clients = new std::vector<orlith_client_t *>;
   std::vector<char *> boot;
