@@ -8,7 +8,7 @@
 
 #include "test/abi/abi_checks.h"
 
-static int checks, failures;
+static _Atomic int checks, failures; /* callbacks check on threads of the framework */
 
 void abi_check(bool holds, const char *condition, const char *file, int line) {
   ++checks;
