@@ -291,6 +291,10 @@ ruxo_boolean ruxo_zipkin_report_to(const char *collector_url, const char *servic
   }
   if (!is_web_url(collector_url) || !(rate >= 0.0 && rate <= 1.0)) return false;
   return ruxo::guarded(false, [&] {
+    // Here, and not in the reporter's thread when it makes its first request: a child that was forked meanwhile would
+    // find the library's lock taken, and nobody to let it go.
+    static const CURLcode library = curl_global_init(CURL_GLOBAL_DEFAULT);
+    if (library != CURLE_OK) return false;
     std::string url = collector_url, service = service_name == nullptr ? "" : service_name;
     Reporter &r = reporter();
     {
