@@ -322,7 +322,6 @@ TEST_F(Endpoints, EveryRequestIsLogged) {
 }
 
 TEST_F(Endpoints, OldClientsAndCurl) {
-  if (system("command -v curl >/dev/null 2>&1") != 0) GTEST_SKIP() << "curl is not installed";
   start();
   folder_.dir.write("body", "sent by curl");
   const std::string base = "http://127.0.0.1:" + std::to_string(node_->port());
@@ -337,7 +336,6 @@ TEST_F(Endpoints, OldClientsAndCurl) {
 }
 
 TEST_F(Endpoints, OverTls) {
-  if (system("command -v curl >/dev/null 2>&1") != 0) GTEST_SKIP() << "curl is not installed";
   const TlsIdentity identity;
   start({"--tls-cert", identity.certificate_file(), "--tls-key", identity.key_file()});
   EXPECT_THAT(node_->err(), HasSubstr("listening on https://127.0.0.1:"));

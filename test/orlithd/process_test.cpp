@@ -111,6 +111,7 @@ TEST_F(Process, OpensItsLogAnew) {
   // Until the signal has been handled, lines may still go to the old file.
   std::filesystem::rename(folder_.dir.file("log"), folder_.dir.file("log.1"));
   node.send(SIGHUP);
+  // It says nothing when it has been: the new file is the sign, and the test's own time limit ends a vain wait.
   while (!std::filesystem::exists(folder_.dir.file("log"))) usleep(1000);
   EXPECT_EQ(node.client().request(get("/state")).status, 200);
   EXPECT_EQ(node.end(SIGTERM), 0);

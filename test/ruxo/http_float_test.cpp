@@ -321,6 +321,7 @@ TEST(HttpFloatHasty, NoDeadlineRuns) {
   HttpHost host(hasty());
   host.answer("GET", "/job", [](ruxo_http_session_ctx *ctx) {
     EXPECT_TRUE(send_off(ctx, [](Job &job) {
+      // Longer than each deadline of a hasty host: what is shown is that none runs.
       std::this_thread::sleep_for(std::chrono::milliseconds(400));
       build(job);
     }));

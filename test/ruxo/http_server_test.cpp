@@ -188,7 +188,7 @@ TEST_F(HttpServer, AnswersOverIpv6) {
   if (port < 0) {
     const std::string reason = err;
     free(err);
-    GTEST_SKIP() << reason;
+    GTEST_SKIP() << "this machine has no IPv6 loopback: " << reason;
   }
   const int fd = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in6 address = {};

@@ -24,6 +24,7 @@ using testing::EndsWith;
 
 const std::string kGet = "GET /hello HTTP/1.1\r\nHost: a\r\n\r\n";
 
+// What a slow client does: deadlines of real time are what these tests are about.
 void pause_ms(int ms) {
   std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
